@@ -1,0 +1,59 @@
+# Small helpers that keep each target to a few lines.
+
+# Compiler flags every target of ours gets.
+add_library(kest_build_options INTERFACE)
+target_compile_options(kest_build_options INTERFACE -Wall -Wextra -Wpedantic
+                       $<$<BOOL:${KEST_WERROR}>:-Werror>)
+if(KEST_SANITIZE STREQUAL "address")
+  target_compile_options(kest_build_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(kest_build_options INTERFACE -fsanitize=address,undefined)
+elseif(KEST_SANITIZE STREQUAL "thread")
+  target_compile_options(kest_build_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(kest_build_options INTERFACE -fsanitize=thread)
+elseif(NOT KEST_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "KEST_SANITIZE must be address, thread or empty, not '${KEST_SANITIZE}'")
+endif()
+
+# kest_add_library(<Name> SOURCES ... [DEPENDS ...])
+# Builds the shared library libKest<Name>.so.0 as target Kest<Name>, alias
+# Kest::<Name>: hidden visibility (exports are marked in the headers), no
+# undefined symbols, the repository root as include root.
+function(kest_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  set(target Kest${name})
+  add_library(${target} SHARED ${ARG_SOURCES})
+  add_library(Kest::${name} ALIAS ${target})
+  set_target_properties(${target} PROPERTIES
+    OUTPUT_NAME Kest${name}
+    EXPORT_NAME ${name}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION 0
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH "$ORIGIN")
+  target_include_directories(${target} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:include>)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} Threads::Threads
+                        PRIVATE $<BUILD_INTERFACE:kest_build_options>)
+  target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  set_property(GLOBAL APPEND PROPERTY KEST_LIBRARIES ${target})
+endfunction()
+
+# kest_add_test(<name> SOURCES ... [LIBRARIES ...] [LABELS ...] [TIMEOUT s])
+# A GoogleTest executable whose cases are registered one by one with ctest.
+function(kest_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main
+                        kest_build_options)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()

@@ -1,0 +1,29 @@
+# Install rules: headers, the three libraries with their SONAME links, the
+# CMake package KestMessaging and the pkg-config file kest-messaging.pc.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+get_property(kest_libraries GLOBAL PROPERTY KEST_LIBRARIES)
+install(TARGETS ${kest_libraries}
+  EXPORT KestMessagingTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/kest
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+set(kest_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KestMessaging)
+install(EXPORT KestMessagingTargets NAMESPACE Kest:: DESTINATION ${kest_cmake_dir})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KestMessagingConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KestMessagingConfig.cmake
+  INSTALL_DESTINATION ${kest_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KestMessagingConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KestMessagingConfig.cmake
+              ${PROJECT_BINARY_DIR}/KestMessagingConfigVersion.cmake
+        DESTINATION ${kest_cmake_dir})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/kest-messaging.pc.in
+  ${PROJECT_BINARY_DIR}/kest-messaging.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kest-messaging.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

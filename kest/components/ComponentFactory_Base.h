@@ -1,0 +1,51 @@
+#pragma once
+
+// ComponentFactory_Base: a factory that keeps a table of named creators.
+//
+// Threads: adding, removing and creating serialise on one mutex, and a
+// creator runs while it is held, so a creator must not call back into the
+// same factory (that deadlocks). supportedComponents() hands out the table
+// without a lock: read it only while nothing changes it.
+
+#include <kest/components/ComponentInterface.h>
+#include <kest/metadata/Api.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Kest {
+
+class KEST_CORE_API ComponentFactory_Base : public ComponentFactoryInterface {
+public:
+    ComponentFactory_Base();
+
+    // Runs the creator of `name` with `args` under the factory's lock and
+    // returns its result. Unknown name: an empty pointer. A registered but
+    // empty creator: throws std::bad_function_call. A creator's exception
+    // passes through; the lock is released.
+    std::shared_ptr<ComponentInterface> createComponent(
+        std::string name, const std::vector<std::string>& args) override;
+    // The table itself, read without the lock.
+    const std::map<std::string, ComponentCreator>& supportedComponents() const override;
+    ~ComponentFactory_Base() override;
+
+    // Registers `creator` under `name` unless the name is taken; a second
+    // registration is dropped without a word.
+    virtual void addComponentCreator(const std::string& name, ComponentCreator creator);
+    // Forgets the creator of `name`, if any.
+    virtual void removeComponentCreator(const std::string& name);
+    // Forgets every creator.
+    virtual void removeAllComponentCreators();
+
+    ComponentFactory_Base(const ComponentFactory_Base&) = delete;
+    ComponentFactory_Base& operator=(const ComponentFactory_Base&) = delete;
+
+private:
+    std::map<std::string, ComponentCreator> creators_;  // guarded by creatorsMutex_
+    std::mutex creatorsMutex_;
+};
+
+}  // namespace Kest

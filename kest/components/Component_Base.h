@@ -1,0 +1,30 @@
+#pragma once
+
+// Component_Base: the instance identifier every component carries.
+// Not synchronised: set the identifier before the component is shared.
+
+#include <kest/components/ComponentInterface.h>
+#include <kest/metadata/Api.h>
+
+#include <string>
+
+namespace Kest {
+
+class KEST_CORE_API Component_Base : public virtual ComponentInterface {
+public:
+    // The identifier, empty until set.
+    const std::string& instanceId() const override;
+    // Any string is accepted, the empty one included.
+    void setInstanceId(const std::string& id) override;
+
+protected:
+    Component_Base() = default;
+    Component_Base(const Component_Base&) = default;
+    Component_Base& operator=(const Component_Base&) = default;
+    ~Component_Base() = default;
+
+private:
+    std::string instanceIdentifier_;
+};
+
+}  // namespace Kest

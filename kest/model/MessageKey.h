@@ -1,0 +1,86 @@
+#pragma once
+
+// MessageKey: the routing key of a message or of a table entry.
+//
+// A key holds a message identifier (packed), a sender address and a
+// destination address, each a path with its most general part first, plus an
+// optional hash function given at construction. Keys are values. Equality and
+// the hasher classes look at identifier and addresses only, never at the
+// stored hash function.
+//
+// Routing is by prefix: a table key covers a message key when the identifiers
+// are equal and each of the table key's addresses is a prefix of the message
+// key's address on the same side. An empty address is a prefix of every
+// address, so an empty sender in a subscription means "from any sender".
+
+#include <kest/model/Api.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+namespace Kest::Msgs {
+
+class Message;
+
+class KEST_MESSAGES_API MessageKey {
+public:
+    using HashFunction = std::function<unsigned long(const MessageKey&)>;
+
+    // Which side of a key a candidate list is built for.
+    enum class HashingGroup : std::uint8_t {
+        Sender = 1,       // subscriptions: identifier and sender address
+        Destination = 2,  // services: identifier and destination address
+    };
+
+    // Hashes identifier and sender address: the subscriptions table's hasher.
+    struct KEST_MESSAGES_API HasherWithSender {
+        unsigned long operator()(const MessageKey& key) const noexcept;
+    };
+    // Hashes identifier and destination address: the services table's hasher.
+    struct KEST_MESSAGES_API HasherWithDestination {
+        unsigned long operator()(const MessageKey& key) const noexcept;
+    };
+    // Hashes identifier and both addresses: the hasher of candidate sets.
+    struct KEST_MESSAGES_API Hasher {
+        unsigned long operator()(const MessageKey& key) const noexcept;
+    };
+
+    // A key from parts.
+    MessageKey(unsigned long id, const std::vector<std::string>& sender,
+               const std::vector<std::string>& destination, HashFunction hasher);
+    // The key of a message: its identifier and its two addresses; an unset
+    // address counts as an empty one.
+    MessageKey(const Message& message, HashFunction hasher);
+
+    unsigned long id() const noexcept { return id_; }
+    const std::vector<std::string>& sender() const noexcept { return sender_; }
+    const std::vector<std::string>& destination() const noexcept { return destination_; }
+    // The function given at construction; may be empty.
+    const HashFunction& hashFunction() const noexcept { return hasher_; }
+
+    // Equal identifier, sender and destination.
+    bool operator==(const MessageKey& other) const noexcept;
+    bool operator!=(const MessageKey& other) const noexcept { return !(*this == other); }
+
+    // True when this key, as a table entry, accepts a message whose key is `other`.
+    bool covers(const MessageKey& other) const noexcept;
+
+    // Every table key that could cover `key` on the side `group` selects:
+    // group Sender gives (identifier, each prefix of the sender, empty
+    // destination), from the empty prefix to the whole address; group
+    // Destination gives (identifier, empty sender, each prefix of the
+    // destination). Keys are built with an empty hash function.
+    static std::unordered_set<MessageKey, Hasher> hashMessagesList(const MessageKey& key,
+                                                                   HashingGroup group);
+
+private:
+    unsigned long id_;
+    std::vector<std::string> sender_;
+    std::vector<std::string> destination_;
+    HashFunction hasher_;
+};
+
+}  // namespace Kest::Msgs

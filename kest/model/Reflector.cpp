@@ -1,0 +1,17 @@
+#include <kest/model/Reflector.h>
+
+#include <iostream>
+
+namespace Kest::MetaData::detail {
+
+void reportArrayExpected() {
+    std::cout << "Exception MetaDat::ReflectorArray Should have gotten an Array, but didn't"
+              << std::endl;
+}
+
+void reportArrayCorrupt(const std::string& fieldName) {
+    std::cout << "Exception MetaDat::ReflectorArray MetaData Array corrupt for " << fieldName
+              << std::endl;
+}
+
+}  // namespace Kest::MetaData::detail

@@ -1,0 +1,233 @@
+#pragma once
+
+// Reflector templates: the typed fields of reflective records.
+//
+// ReflectorNoWriteParend<T, Serialized> holds one value of T. Reflector<T,
+// IsRecord, Serialized> is the same field, named for the value kinds it holds:
+// IsRecord is true exactly when T is itself a record (a MirroredObject).
+// ReflectorArray<T> holds a std::vector<T>.
+//
+// Reading a field from a metadata tree never throws: a scalar or record field
+// whose element is missing or malformed is reset (default value, uninitialised);
+// an array field keeps its value and prints one diagnostic line. Reading the
+// value of an unset scalar or record field with operator()() throws
+// MetaDataException.
+//
+// Supported value types: unsigned long, std::string, Kest::Msgs::Identifier
+// and records. Not thread-safe; see MirroredObject.
+
+#include <kest/metadata/Element.h>
+#include <kest/metadata/MirroredObject.h>
+#include <kest/model/Api.h>
+
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Kest::MetaData {
+
+namespace detail {
+
+inline void writeValue(const unsigned long& value, Element& element) { SetAs(value, element); }
+inline void writeValue(const std::string& value, Element& element) { SetAs(value, element); }
+template <class T>
+auto writeValue(const T& value, Element& element) -> decltype(value.copyToMetaData(element)) {
+    value.copyToMetaData(element);
+}
+
+inline void readValue(const Element& element, unsigned long& value) { GetAs(element, value); }
+inline void readValue(const Element& element, std::string& value) { GetAs(element, value); }
+template <class T>
+auto readValue(const Element& element, T& value) -> decltype(value.copyFromMetaData(element)) {
+    value.copyFromMetaData(element);
+}
+
+// The two diagnostic lines of array fields, written to standard output.
+KEST_MESSAGES_API void reportArrayExpected();
+KEST_MESSAGES_API void reportArrayCorrupt(const std::string& fieldName);
+
+}  // namespace detail
+
+// A field holding one T. With Serialized false the field stays out of tree copies.
+template <class T, bool Serialized>
+class KEST_MESSAGES_API ReflectorNoWriteParend : public ReflectorBase {
+public:
+    ReflectorNoWriteParend(MirroredObject* parent, std::string name, bool required)
+        : ReflectorBase(parent, std::move(name), required), value_() {}
+    // Copy of `other` registered with `parent`.
+    ReflectorNoWriteParend(MirroredObject* parent, const ReflectorNoWriteParend& other)
+        : ReflectorBase(parent, other), value_(other.value_) {}
+    ReflectorNoWriteParend& operator=(const ReflectorNoWriteParend& other) {
+        ReflectorBase::operator=(other);
+        value_ = other.value_;
+        return *this;
+    }
+    ~ReflectorNoWriteParend() override = default;
+
+    // Writes the value under name() when the field is initialised; else nothing.
+    void copyToMetaData(Element& tree) const override {
+        if constexpr (Serialized) {
+            if (initialized()) detail::writeValue(value_, tree[name()]);
+        } else {
+            (void)tree;
+        }
+    }
+
+    void copyFromMetaData(const Element& tree) override { assign(tree); }
+
+    // Stores `value`; the field is then initialised.
+    virtual void assign(const T& value) {
+        value_ = value;
+        init();
+    }
+
+    // Reads the element named name() of `tree`. On any failure (no such
+    // element, wrong kind) the field is reset instead; nothing is thrown.
+    virtual void assign(const Element& tree) {
+        if constexpr (Serialized) {
+            try {
+                detail::readValue(tree[name()], value_);
+                init();
+            } catch (...) {
+                reset();
+            }
+        } else {
+            (void)tree;
+        }
+    }
+
+    // Default value (0, Identifier(0), a default record), uninitialised.
+    void reset() {
+        value_ = T();
+        uninit();
+    }
+
+    // The value; throws MetaDataException when the field is not initialised.
+    const T& operator()() const {
+        // Test first: the text argument would otherwise be built on every read.
+        if (!initialized()) throwIfUninited("Kest::MetaData::Reflector::operator()()");
+        return value_;
+    }
+
+protected:
+    T value_;
+};
+
+template <class T, bool IsRecord, bool Serialized>
+class KEST_MESSAGES_API Reflector : public ReflectorNoWriteParend<T, Serialized> {
+    static_assert(IsRecord == std::is_base_of_v<MirroredObject, T>,
+                  "IsRecord must be true exactly for record value types");
+
+public:
+    Reflector(MirroredObject* parent, std::string name, bool required)
+        : ReflectorNoWriteParend<T, Serialized>(parent, std::move(name), required) {}
+    Reflector(MirroredObject* parent, const Reflector& other)
+        : ReflectorNoWriteParend<T, Serialized>(parent, other) {}
+    Reflector& operator=(const Reflector& other) {
+        ReflectorNoWriteParend<T, Serialized>::operator=(other);
+        return *this;
+    }
+    ~Reflector() override = default;
+
+    using ReflectorNoWriteParend<T, Serialized>::assign;
+};
+
+// A field holding a std::vector<T>, written to the tree as an array.
+template <class T>
+class KEST_MESSAGES_API ReflectorArray : public ReflectorBase {
+public:
+    // `option` is carried for the framework's serialisers and copied with the
+    // field; it does not change how the field copies itself.
+    ReflectorArray(MirroredObject* parent, std::string name, bool required, bool option = false)
+        : ReflectorBase(parent, std::move(name), required), option_(option) {}
+    ReflectorArray(MirroredObject* parent, const ReflectorArray& other)
+        : ReflectorBase(parent, other), value_(other.value_), option_(other.option_) {}
+    ReflectorArray& operator=(const ReflectorArray& other) {
+        ReflectorBase::operator=(other);
+        value_ = other.value_;
+        option_ = other.option_;
+        return *this;
+    }
+    ~ReflectorArray() override = default;
+
+    // When initialised, makes the element named name() an array of the values;
+    // otherwise writes nothing.
+    void copyToMetaData(Element& tree) const override {
+        if (!initialized()) return;
+        Array& array = tree[name()];
+        array.resize(value_.size());
+        for (unsigned long i = 0; i < value_.size(); ++i) SetAs<T>(value_[i], array[i]);
+    }
+
+    // A tree that is not an object has no element of this name.
+    void copyFromMetaData(const Element& tree) override {
+        if (tree.GetElementType() == Element::ObjectType) {
+            assign(tree);
+        } else {
+            assign(Element());
+        }
+    }
+
+    virtual void assign(const std::vector<T>& value) {
+        value_ = value;
+        init();
+    }
+
+    // Missing name: empty and uninitialised. Not an array: a diagnostic line,
+    // field unchanged. An entry of the wrong kind: a diagnostic line naming the
+    // field, field unchanged. Never throws.
+    virtual void assign(const Element& tree) {
+        if (!HasElement(tree, name())) {
+            value_.clear();
+            uninit();
+            return;
+        }
+        const Element& element = tree[name()];
+        if (element.GetElementType() != Element::ArrayType) {
+            detail::reportArrayExpected();
+            return;
+        }
+        try {
+            const Array& array = element;
+            std::vector<T> values;
+            values.reserve(array.size());
+            for (auto it = array.begin(); it != array.end(); ++it) {
+                T value;
+                GetAs<T>(*it, value);
+                values.push_back(std::move(value));
+            }
+            assign(values);
+        } catch (...) {
+            detail::reportArrayCorrupt(name());
+        }
+    }
+
+    // The values, empty when the field is not initialised.
+    const std::vector<T>& operator()() const noexcept { return value_; }
+    bool option() const noexcept { return option_; }
+
+protected:
+    std::vector<T> value_;
+    bool option_;
+};
+
+}  // namespace Kest::MetaData
+
+namespace Kest::Msgs {
+
+// An address: a path of names, most general first, as a reflected vector of strings.
+class KEST_MESSAGES_API ReflectedAddress : public MetaData::ReflectorArray<std::string> {
+public:
+    ReflectedAddress(MetaData::MirroredObject* parent, std::string name, bool required = false)
+        : ReflectorArray(parent, std::move(name), required) {}
+    ReflectedAddress(MetaData::MirroredObject* parent, const ReflectedAddress& other)
+        : ReflectorArray(parent, other) {}
+    ReflectedAddress& operator=(const ReflectedAddress& other) {
+        ReflectorArray::operator=(other);
+        return *this;
+    }
+    ~ReflectedAddress() override = default;
+};
+
+}  // namespace Kest::Msgs

@@ -1,0 +1,201 @@
+#include <kest/model/ForwarderNotifications.h>
+#include <kest/model/Message.h>
+#include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/Routing.h>
+
+#include <limits>
+
+namespace Kest::Msgs {
+
+namespace Fwd = Communications::Forwarder;
+
+namespace {
+
+const std::vector<std::string> kNoAddress;
+
+unsigned long hashWithSender(const MessageKey& key) { return MessageKey::HasherWithSender()(key); }
+unsigned long hashWithDestination(const MessageKey& key) {
+    return MessageKey::HasherWithDestination()(key);
+}
+
+constexpr unsigned long kChangeRank = std::numeric_limits<unsigned long>::max();
+
+}  // namespace
+
+MessageDispatcher::MessageDispatcher() = default;
+
+MessageDispatcher::MessageDispatcher(const std::vector<std::string>& /*args*/) {}
+
+template <class Notification>
+void MessageDispatcher::announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed) {
+    // A separate control block, as for every message the library makes.
+    std::shared_ptr<const Message> notice(new Notification(Fwd::ServiceData(key, 1, rank)));
+    unprotected_postMessage(std::move(notice), changed);
+}
+
+// A rank notification with the key's new lowest rank, then a change notification.
+void MessageDispatcher::announceRankChange(const MessageKey& key, const RankedQueues& queues,
+                                           const QueuePtr& changed) {
+    if (!queues.empty()) announce<Fwd::ServiceRankNotification>(key, queues.begin()->first, changed);
+    announce<Fwd::ServiceChangeNotification>(key, kChangeRank, changed);
+}
+
+bool MessageDispatcher::removeFirst(RankedQueues& queues, const QueuePtr& queue) {
+    for (auto it = queues.begin(); it != queues.end(); ++it) {
+        if (it->second == queue) {
+            queues.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- Subscriptions -------------------------------------------------------
+
+bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>& address,
+                                  const Identifier& id) {
+    if (!queue) return false;
+    std::lock_guard<std::mutex> lock(mutex);
+    MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, &hashWithSender);
+    Subscribers& subscribers = subscriptions[key];
+    if (!subscribers.insert(queue).second) return true;
+    announce<Fwd::SubscriptionAddedNotification>(key, 0, queue);
+    return true;
+}
+
+bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
+                                    const Identifier& id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, MessageKey::HashFunction());
+    auto entry = subscriptions.find(key);
+    if (entry == subscriptions.end()) return true;
+    if (entry->second.erase(queue) != 0) {
+        announce<Fwd::SubscriptionRemovedNotification>(key, 0, queue);
+    }
+    // The table is unchanged by the post above: deliveries cannot call back in.
+    if (entry->second.empty()) subscriptions.erase(entry);
+    return true;
+}
+
+bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto entry = subscriptions.begin(); entry != subscriptions.end();) {
+        if (entry->second.erase(queue) == 0) {
+            ++entry;
+            continue;
+        }
+        announce<Fwd::SubscriptionRemovedNotification>(entry->first, 0, queue);
+        entry = entry->second.empty() ? subscriptions.erase(entry) : std::next(entry);
+    }
+    return true;
+}
+
+std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& entry : subscriptions) {
+        if (entry.second.empty()) continue;
+        out.emplace(entry.first, static_cast<unsigned int>(entry.second.size()));
+    }
+    return out.size();
+}
+
+// ---- Services ------------------------------------------------------------
+
+bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
+                                        const Identifier& id, unsigned long rank) {
+    std::lock_guard<std::mutex> lock(mutex);
+    MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination, &hashWithDestination);
+    auto entry = services.find(key);
+    if (entry == services.end()) {
+        RankedQueues& queues = services.emplace(key, RankedQueues()).first->second;
+        queues.emplace(rank, queue);
+        announce<Fwd::ServiceRankNotification>(key, rank, queue);
+        return true;
+    }
+
+    RankedQueues& queues = entry->second;
+    if (!queues.empty() && queues.begin()->first == 0) return false;  // rank 0 is exclusive
+
+    bool changed = !queues.empty() && rank < queues.begin()->first;
+    for (auto it = queues.begin(); it != queues.end(); ++it) {
+        if (it->second != queue) continue;
+        if (it->first == rank) return true;  // already registered so
+        queues.erase(it);
+        changed = true;
+        break;
+    }
+    queues.emplace(rank, queue);  // after the entries of equal rank
+    if (changed) announceRankChange(key, queues, queue);
+    return true;
+}
+
+bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
+                                          const Identifier& id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination,
+                         MessageKey::HashFunction());
+    auto entry = services.find(key);
+    if (entry == services.end()) return true;
+    if (removeFirst(entry->second, queue)) announceRankChange(key, entry->second, queue);
+    if (entry->second.empty()) services.erase(entry);
+    return true;
+}
+
+bool MessageDispatcher::unregisterAll(QueuePtr queue) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto entry = services.begin(); entry != services.end();) {
+        if (removeFirst(entry->second, queue)) announceRankChange(entry->first, entry->second, queue);
+        entry = entry->second.empty() ? services.erase(entry) : std::next(entry);
+    }
+    return true;
+}
+
+std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& entry : services) {
+        if (entry.second.empty()) continue;
+        out.emplace(entry.first, ServiceInfo{entry.second.size(), entry.second.begin()->first});
+    }
+    return out.size();
+}
+
+// ---- Posting -------------------------------------------------------------
+
+bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return unprotected_postMessage(std::move(message), sender);
+}
+
+bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> message,
+                                                const QueuePtr& sender) {
+    if (!message) return false;
+    if (!handled.handleMessage(message->identity())) return false;  // a repeat
+
+    ServedSet served;
+    served.insert(sender);
+
+    for (Subscribers* subscribers :
+         findCovering(message, subscriptions, false, MessageKey::HashingGroup::Sender)) {
+        for (const QueuePtr& queue : *subscribers) dispatchMessage(message, queue, served);
+    }
+
+    if (!message->destination.initialized()) return true;
+
+    std::vector<RankedQueues*> entries =
+        findCovering(message, services, false, MessageKey::HashingGroup::Destination);
+    if (entries.empty()) return false;
+    bool ok = true;
+    for (RankedQueues* queues : entries) {
+        bool taken = false;
+        for (const auto& ranked : *queues) {
+            if (dispatchMessage(message, ranked.second, served)) {
+                taken = true;
+                break;
+            }
+        }
+        ok = ok && taken;
+    }
+    return ok;
+}
+
+}  // namespace Kest::Msgs

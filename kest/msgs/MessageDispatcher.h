@@ -1,0 +1,108 @@
+#pragma once
+
+// MessageDispatcher: routes each posted message to every subscribed queue and
+// to the lowest-ranked accepting queue of every service entry that covers it,
+// and announces each change of its tables with a forwarder notification.
+//
+// Threads: any number of threads may call one dispatcher. Every public
+// operation holds the dispatcher's one, non-recursive mutex from entry to
+// return, including the deliveries it causes, so posts are totally ordered.
+// Delivery runs on the calling thread; a queue's lock is taken inside the
+// dispatcher's. Code that runs inside a delivery (a MessageCallback's
+// callback) must not call this dispatcher again: that deadlocks.
+//
+// Lifetime: owned through a std::shared_ptr made from this concrete type. The
+// dispatcher shares ownership of every queue in its tables. Its destructor
+// takes no lock and posts nothing; no other thread may be inside an operation
+// when the last owner lets go.
+
+#include <kest/components/Component_Base.h>
+#include <kest/model/Identifier.h>
+#include <kest/model/MessageDispatcherInterface.h>
+#include <kest/model/MessageKey.h>
+#include <kest/msgs/Api.h>
+#include <kest/msgs/diagnostics/MessagesHandled.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace Kest::Msgs {
+
+class Message;
+class MessageQueueInterface;
+
+class KEST_DISPATCHER_API MessageDispatcher : public MessageDispatcherInterface,
+                                              public Component_Base {
+public:
+    using QueuePtr = std::shared_ptr<MessageQueueInterface>;
+    using Subscribers = std::unordered_set<QueuePtr>;
+    using RankedQueues = std::multimap<unsigned long, QueuePtr>;
+
+    MessageDispatcher();
+    // The arguments are ignored: the form the factory's creators use.
+    explicit MessageDispatcher(const std::vector<std::string>& args);
+
+    MessageDispatcher(const MessageDispatcher&) = delete;
+    MessageDispatcher& operator=(const MessageDispatcher&) = delete;
+
+    // Subscribes `queue` to messages of `id` whose sender address starts with
+    // `address` (empty: any sender). False only for an empty `queue`; true
+    // also when it was subscribed already (then nothing is announced).
+    // Announces a new subscription with a SubscriptionAddedNotification.
+    bool subscribe(QueuePtr queue, const std::vector<std::string>& address,
+                   const Identifier& id) override;
+    // Removes that subscription; announces a removal with a
+    // SubscriptionRemovedNotification. Always true.
+    bool unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
+                     const Identifier& id) override;
+    // Removes every subscription of `queue`, one notification per key. Always true.
+    bool unsubscribeFromAll(QueuePtr queue) override;
+
+    // Registers `queue` as a service for messages of `id` addressed to
+    // `destination` (or below it), with `rank` (lower is preferred; 0 is
+    // exclusive). Registering again moves the entry to the new rank. False
+    // only when the key has a rank-0 entry. Empty queue pointers are accepted.
+    bool registerService(QueuePtr queue, const std::vector<std::string>& destination,
+                         const Identifier& id, unsigned long rank) override;
+    // Removes that registration. Always true.
+    bool unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
+                           const Identifier& id) override;
+    // Removes `queue` from every service key; subscriptions stay. Always true.
+    bool unregisterAll(QueuePtr queue) override;
+
+    // Adds (key, number of subscribed queues) for each subscription key to
+    // `out`, keeping entries already there; returns out.size().
+    std::size_t getSubscriptionsTable(SubscriptionsTable& out) const override;
+    // Adds (key, {queue count, lowest rank}) for each service key to `out`,
+    // keeping entries already there; returns out.size().
+    std::size_t getServicesTable(ServicesTable& out) const override;
+
+    // Delivers `message` to every covering subscriber and, when it has a
+    // destination, to one queue of every covering service entry, never to
+    // `sender`. False for an empty or repeated message, for a destination no
+    // service covers, and when some covering service entry had no queue that
+    // accepted. Throws MetaDataException for a message without identity.
+    bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
+
+    // postMessage for callers that already hold the dispatcher's mutex.
+    bool unprotected_postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender);
+
+private:
+    template <class Notification>
+    void announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed);
+    void announceRankChange(const MessageKey& key, const RankedQueues& queues, const QueuePtr& changed);
+    static bool removeFirst(RankedQueues& queues, const QueuePtr& queue);
+
+    std::unordered_map<MessageKey, Subscribers, MessageKey::HasherWithSender> subscriptions;
+    std::unordered_map<MessageKey, RankedQueues, MessageKey::HasherWithDestination> services;
+    MessagesHandled handled;   // guarded by mutex
+    mutable std::mutex mutex;  // guards everything above
+};
+
+}  // namespace Kest::Msgs

@@ -1,0 +1,36 @@
+#include <kest/model/Message.h>
+#include <kest/msgs/diagnostics/MessageTrace.h>
+
+#include <iostream>
+#include <mutex>
+#include <string>
+
+namespace Kest::Msgs {
+
+namespace {
+
+std::mutex traceMutex;  // serialises trace lines, process-wide
+
+void writeAddress(std::ostream& out, const ReflectedAddress& address) {
+    if (!address.initialized()) {
+        out << "<None>";
+        return;
+    }
+    for (const std::string& part : address()) out << '[' << part << ']';
+}
+
+}  // namespace
+
+void handleMessageDirect(const std::string& prefix, const Message& message) {
+    std::lock_guard<std::mutex> lock(traceMutex);
+    const Identifier id = message.id();
+    std::cout << prefix << ": sender = ";
+    writeAddress(std::cout, message.sender);
+    std::cout << ", dest = ";
+    writeAddress(std::cout, message.destination);
+    // std::to_string: decimal whatever base flags the caller left on std::cout.
+    std::cout << ", cat = " << std::to_string(id.category()) << ", id = " << std::to_string(id.type())
+              << std::endl;
+}
+
+}  // namespace Kest::Msgs

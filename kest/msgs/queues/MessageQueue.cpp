@@ -1,0 +1,72 @@
+#include <kest/msgs/queues/MessageQueue.h>
+
+#include <limits>
+
+namespace Kest::Msgs {
+
+MessageQueue::MessageQueue(const std::vector<std::string>& /*args*/) {}
+
+MessageQueue::MessageQueue() = default;
+
+bool MessageQueue::putMessage(std::shared_ptr<const Message> message) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    internalPutMessage(std::move(message));
+    return true;
+}
+
+void MessageQueue::internalPutMessage(std::shared_ptr<const Message> message) {
+    messages_.push_back(std::move(message));
+    available_.notify_one();
+}
+
+std::shared_ptr<const Message> MessageQueue::internalGetImmediateMessage() {
+    if (messages_.empty()) return {};
+    std::shared_ptr<const Message> front = std::move(messages_.front());
+    messages_.pop_front();
+    return front;
+}
+
+unsigned int MessageQueue::getAvailableMessagesCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return internalCount();
+}
+
+std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::milliseconds timeout) {
+    using std::chrono::nanoseconds;
+    using std::chrono::steady_clock;
+    using std::chrono::system_clock;
+
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (std::shared_ptr<const Message> message = internalGetImmediateMessage()) return message;
+    // A null entry at the front has been dropped; go on as if the queue had been empty.
+
+    if (timeout == std::chrono::milliseconds::max()) {
+        available_.wait(lock, [this] { return internalCount() != 0; });
+        return internalGetImmediateMessage();
+    }
+
+    // Time-outs too long to add to the clock are clamped to about 100 years,
+    // which no caller can tell apart, instead of overflowing.
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365 * 100);
+    const nanoseconds wait = timeout > longest ? nanoseconds(longest) : nanoseconds(timeout);
+    const steady_clock::time_point steadyDeadline = steady_clock::now() + wait;
+    if (internalCount() != 0) return internalGetImmediateMessage();
+
+    for (;;) {
+        // Wait on the wall clock for the time left on the steady one; a change
+        // of wall time can end the wait early or late, and the test below
+        // makes up for it.
+        const system_clock::time_point wallDeadline =
+            system_clock::now() +
+            std::chrono::duration_cast<system_clock::duration>(steadyDeadline - steady_clock::now());
+        available_.wait_until(lock, wallDeadline);
+        const bool wallPassed = system_clock::now() >= wallDeadline;
+        const bool steadyPassed = steady_clock::now() >= steadyDeadline;
+        if (wallPassed && steadyPassed) break;
+        if (internalCount() != 0) return internalGetImmediateMessage();
+    }
+    // A message that arrived at the last instant is still taken.
+    return internalGetImmediateMessage();
+}
+
+}  // namespace Kest::Msgs

@@ -1,0 +1,72 @@
+#pragma once
+
+// MessageQueue: an unbounded first-in, first-out queue of messages, drained
+// by reader threads with a blocking read that can time out.
+//
+// Threads: any number of writers and readers. One mutex guards the list;
+// a writer wakes one waiting reader. A reader waiting in getMessage holds no
+// lock. Each message goes to exactly one reader.
+//
+// Lifetime: owned through a std::shared_ptr made from the concrete type (the
+// dispatcher's tables and the consumer share it). No reader may be waiting
+// when the last owner lets go.
+
+#include <kest/components/Component_Base.h>
+#include <kest/model/MessageQueueInterface.h>
+#include <kest/msgs/Api.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Kest::Msgs {
+
+class KEST_DISPATCHER_API MessageQueue : public virtual MessageQueueInterface,
+                                         public Component_Base {
+public:
+    // The arguments are accepted and ignored: the form the factory's creators use.
+    explicit MessageQueue(const std::vector<std::string>& args);
+    MessageQueue();
+
+    MessageQueue(const MessageQueue&) = delete;
+    MessageQueue& operator=(const MessageQueue&) = delete;
+
+    // Appends `message` (a null one too) and wakes one reader. Always true.
+    // Takes the queue's lock. Throws std::bad_alloc with nothing queued when
+    // memory runs out.
+    bool putMessage(std::shared_ptr<const Message> message) override;
+
+    // The oldest message. A queued message is returned at once, whatever the
+    // time-out. Otherwise waits: without limit for
+    // std::chrono::milliseconds::max(), else until the time-out has passed on
+    // both the steady and the wall clock, then takes one last look. Zero and
+    // negative time-outs still wait once (returning at once). Empty on
+    // time-out. A null entry at the front is dropped on entry; one that
+    // arrives while a reader waits is returned to it as an empty result.
+    std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) override;
+    using MessageQueueInterface::getMessage;
+
+    // The number of entries (null ones included), cut to 32 bits. Takes the lock.
+    unsigned int getAvailableMessagesCount() const override;
+
+    // For callers that hold `mutex()`'s lock: append and wake one reader.
+    void internalPutMessage(std::shared_ptr<const Message> message);
+    // For callers that hold the lock: remove and return the front entry, or
+    // an empty pointer when there is none.
+    std::shared_ptr<const Message> internalGetImmediateMessage();
+
+protected:
+    std::mutex& mutex() const noexcept { return mutex_; }
+    unsigned int internalCount() const noexcept { return static_cast<unsigned int>(messages_.size()); }
+
+private:
+    mutable std::mutex mutex_;
+    std::list<std::shared_ptr<const Message>> messages_;  // guarded by mutex_, oldest first
+    std::condition_variable available_;                   // signalled on every put
+};
+
+}  // namespace Kest::Msgs
