@@ -19,3 +19,20 @@ using SubscriptionAddedNotification = PayloadMessageHelper<Base, ServiceData, 9>
 using SubscriptionRemovedNotification = PayloadMessageHelper<Base, ServiceData, 10>;
 
 }  // namespace Kest::Msgs::Communications::Forwarder
+
+namespace Kest::Msgs::Communications::Forwarder {
+
+// The payload of a notification of any of the four kinds, or nullptr for any
+// other message. Throws MetaDataException for a notification whose payload
+// is unset (one read from a tree without a valid "Data").
+inline const ServiceData* notificationPayload(const Message& message) {
+    if (const auto* n = dynamic_cast<const ServiceRankNotification*>(&message)) return &n->payload();
+    if (const auto* n = dynamic_cast<const ServiceChangeNotification*>(&message)) return &n->payload();
+    if (const auto* n = dynamic_cast<const SubscriptionAddedNotification*>(&message)) return &n->payload();
+    if (const auto* n = dynamic_cast<const SubscriptionRemovedNotification*>(&message)) {
+        return &n->payload();
+    }
+    return nullptr;
+}
+
+}  // namespace Kest::Msgs::Communications::Forwarder

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the demo on a fresh machine: a host that loads the
+# messaging plug-in with dlopen and routes messages between components.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/ensure-packages.sh g++ cmake make libgtest-dev
+
+cmake --preset release -DKEST_BUILD_TESTS=OFF >/dev/null
+cmake --build --preset release --target plugin_host publish_subscribe
+exec build/release/examples/plugin_host "$@"

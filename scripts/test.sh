@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs every test suite on a fresh machine:
+#   scripts/test.sh            the plain, AddressSanitizer and ThreadSanitizer suites
+#   scripts/test.sh dev        only the named presets (dev, release, asan, tsan)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/ensure-packages.sh g++ cmake make libgtest-dev libbenchmark-dev pkg-config binutils \
+  python3
+
+presets=("$@")
+[ ${#presets[@]} -eq 0 ] && presets=(dev asan tsan)
+
+for preset in "${presets[@]}"; do
+  echo "=== ${preset}: configure, build, test ==="
+  cmake --workflow --preset "$preset" --fresh
+done
+echo "=== all suites passed: ${presets[*]} ==="
