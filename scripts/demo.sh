@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh g++ cmake make libgtest-dev
+scripts/ensure-packages.sh g++ cmake make
 
 cmake --preset release -DKEST_BUILD_TESTS=OFF >/dev/null
 cmake --build --preset release --target plugin_host publish_subscribe
