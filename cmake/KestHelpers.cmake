@@ -11,8 +11,13 @@ if(KEST_SANITIZE STREQUAL "address")
 elseif(KEST_SANITIZE STREQUAL "thread")
   target_compile_options(kest_build_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
   target_link_options(kest_build_options INTERFACE -fsanitize=thread)
+elseif(KEST_SANITIZE STREQUAL "fuzz")
+  # Coverage for libFuzzer everywhere; fuzz targets add -fsanitize=fuzzer themselves.
+  target_compile_options(kest_build_options INTERFACE
+    -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(kest_build_options INTERFACE -fsanitize=address,undefined)
 elseif(NOT KEST_SANITIZE STREQUAL "")
-  message(FATAL_ERROR "KEST_SANITIZE must be address, thread or empty, not '${KEST_SANITIZE}'")
+  message(FATAL_ERROR "KEST_SANITIZE must be address, thread, fuzz or empty, not '${KEST_SANITIZE}'")
 endif()
 
 # kest_add_library(<Name> SOURCES ... [DEPENDS ...])
