@@ -4,6 +4,9 @@
 add_library(kest_build_options INTERFACE)
 target_compile_options(kest_build_options INTERFACE -Wall -Wextra -Wpedantic
                        $<$<BOOL:${KEST_WERROR}>:-Werror>)
+if(KEST_SCHEDULE_PERTURBATION)
+  target_compile_definitions(kest_build_options INTERFACE KEST_SCHEDULE_PERTURBATION)
+endif()
 if(KEST_SANITIZE STREQUAL "address")
   target_compile_options(kest_build_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)

@@ -10,7 +10,8 @@ install(TARGETS ${kest_libraries}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/kest
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN "*.h")
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "internal" EXCLUDE)
 
 set(kest_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KestMessaging)
 install(EXPORT KestMessagingTargets NAMESPACE Kest:: DESTINATION ${kest_cmake_dir})

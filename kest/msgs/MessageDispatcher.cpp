@@ -1,3 +1,4 @@
+#include <kest/internal/Schedule.h>
 #include <kest/model/ForwarderNotifications.h>
 #include <kest/model/Message.h>
 #include <kest/msgs/MessageDispatcher.h>
@@ -55,7 +56,7 @@ bool MessageDispatcher::removeFirst(RankedQueues& queues, const QueuePtr& queue)
 bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>& address,
                                   const Identifier& id) {
     if (!queue) return false;
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, &hashWithSender);
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
@@ -65,7 +66,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
 
 bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                                     const Identifier& id) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     const MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
@@ -78,7 +79,7 @@ bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::strin
 }
 
 bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     for (auto entry = subscriptions.begin(); entry != subscriptions.end();) {
         if (entry->second.erase(queue) == 0) {
             ++entry;
@@ -91,7 +92,7 @@ bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     for (const auto& entry : subscriptions) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, static_cast<unsigned int>(entry.second.size()));
@@ -103,7 +104,7 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination, &hashWithDestination);
     auto entry = services.find(key);
     if (entry == services.end()) {
@@ -131,7 +132,7 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
 
 bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                                           const Identifier& id) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     const MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination,
                          MessageKey::HashFunction());
     auto entry = services.find(key);
@@ -142,7 +143,7 @@ bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std:
 }
 
 bool MessageDispatcher::unregisterAll(QueuePtr queue) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     for (auto entry = services.begin(); entry != services.end();) {
         if (removeFirst(entry->second, queue)) announceRankChange(entry->first, entry->second, queue);
         entry = entry->second.empty() ? services.erase(entry) : std::next(entry);
@@ -151,7 +152,7 @@ bool MessageDispatcher::unregisterAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     for (const auto& entry : services) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, ServiceInfo{entry.second.size(), entry.second.begin()->first});
@@ -162,7 +163,7 @@ std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
 // ---- Posting -------------------------------------------------------------
 
 bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
-    std::lock_guard<std::mutex> lock(mutex);
+    detail::LockGuard lock(mutex);
     return unprotected_postMessage(std::move(message), sender);
 }
 

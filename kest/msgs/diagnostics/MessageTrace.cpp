@@ -1,3 +1,4 @@
+#include <kest/internal/Schedule.h>
 #include <kest/model/Message.h>
 #include <kest/msgs/diagnostics/MessageTrace.h>
 
@@ -22,7 +23,7 @@ void writeAddress(std::ostream& out, const ReflectedAddress& address) {
 }  // namespace
 
 void handleMessageDirect(const std::string& prefix, const Message& message) {
-    std::lock_guard<std::mutex> lock(traceMutex);
+    detail::LockGuard lock(traceMutex);
     const Identifier id = message.id();
     std::cout << prefix << ": sender = ";
     writeAddress(std::cout, message.sender);

@@ -1,3 +1,4 @@
+#include <kest/internal/Schedule.h>
 #include <kest/msgs/queues/MessageCallback.h>
 
 namespace Kest::Msgs {
@@ -11,7 +12,7 @@ std::shared_ptr<const Message> MessageCallback::getMessage(std::chrono::millisec
 }
 
 bool MessageCallback::putMessage(std::shared_ptr<const Message> message) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    detail::LockGuard lock(mutex_);
     callback_(message);  // empty: std::bad_function_call
     return true;
 }

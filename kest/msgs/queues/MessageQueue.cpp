@@ -1,3 +1,4 @@
+#include <kest/internal/Schedule.h>
 #include <kest/msgs/queues/MessageQueue.h>
 
 #include <limits>
@@ -9,7 +10,7 @@ MessageQueue::MessageQueue(const std::vector<std::string>& /*args*/) {}
 MessageQueue::MessageQueue() = default;
 
 bool MessageQueue::putMessage(std::shared_ptr<const Message> message) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    detail::LockGuard lock(mutex_);
     internalPutMessage(std::move(message));
     return true;
 }
@@ -27,7 +28,7 @@ std::shared_ptr<const Message> MessageQueue::internalGetImmediateMessage() {
 }
 
 unsigned int MessageQueue::getAvailableMessagesCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    detail::LockGuard lock(mutex_);
     return internalCount();
 }
 
@@ -36,7 +37,9 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
     using std::chrono::steady_clock;
     using std::chrono::system_clock;
 
+    detail::schedulePoint();
     std::unique_lock<std::mutex> lock(mutex_);
+    detail::schedulePoint();
     if (std::shared_ptr<const Message> message = internalGetImmediateMessage()) return message;
     // A null entry at the front has been dropped; go on as if the queue had been empty.
 
@@ -60,6 +63,7 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
             system_clock::now() +
             std::chrono::duration_cast<system_clock::duration>(steadyDeadline - steady_clock::now());
         available_.wait_until(lock, wallDeadline);
+        detail::schedulePoint();
         const bool wallPassed = system_clock::now() >= wallDeadline;
         const bool steadyPassed = steady_clock::now() >= steadyDeadline;
         if (wallPassed && steadyPassed) break;

@@ -1,3 +1,4 @@
+#include <kest/internal/Schedule.h>
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
 
 namespace Kest::Msgs {
@@ -12,7 +13,7 @@ std::shared_ptr<const Message> MessageQueue_FixedDepth::getMessage(std::chrono::
 }
 
 bool MessageQueue_FixedDepth::putMessage(std::shared_ptr<const Message> message) {
-    std::lock_guard<std::mutex> lock(mutex());
+    detail::LockGuard lock(mutex());
     if (maxDepth_.load(std::memory_order_relaxed) <= internalCount()) return false;
     internalPutMessage(std::move(message));
     return true;
