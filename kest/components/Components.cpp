@@ -18,7 +18,7 @@ ComponentFactory_Base::~ComponentFactory_Base() = default;
 
 std::shared_ptr<ComponentInterface> ComponentFactory_Base::createComponent(
     std::string name, const std::vector<std::string>& args) {
-    detail::LockGuard lock(creatorsMutex_);
+    Kest::detail::LockGuard lock(creatorsMutex_);
     auto it = creators_.find(name);
     if (it == creators_.end()) return {};
     return it->second(args);  // an empty creator throws std::bad_function_call
@@ -29,17 +29,17 @@ const std::map<std::string, ComponentCreator>& ComponentFactory_Base::supportedC
 }
 
 void ComponentFactory_Base::addComponentCreator(const std::string& name, ComponentCreator creator) {
-    detail::LockGuard lock(creatorsMutex_);
+    Kest::detail::LockGuard lock(creatorsMutex_);
     creators_.emplace(name, std::move(creator));  // keeps an existing entry
 }
 
 void ComponentFactory_Base::removeComponentCreator(const std::string& name) {
-    detail::LockGuard lock(creatorsMutex_);
+    Kest::detail::LockGuard lock(creatorsMutex_);
     creators_.erase(name);
 }
 
 void ComponentFactory_Base::removeAllComponentCreators() {
-    detail::LockGuard lock(creatorsMutex_);
+    Kest::detail::LockGuard lock(creatorsMutex_);
     creators_.clear();
 }
 

@@ -59,9 +59,15 @@ bool MessageKey::operator==(const MessageKey& other) const noexcept {
 }
 
 bool MessageKey::covers(const MessageKey& other) const noexcept {
-    return id_ == other.id_ && isPrefix(sender_, other.sender_) &&
-           isPrefix(destination_, other.destination_);
+    return covers(other.id_, other.sender_, other.destination_);
 }
+
+bool MessageKey::covers(unsigned long id, const std::vector<std::string>& sender,
+                        const std::vector<std::string>& destination) const noexcept {
+    return id_ == id && isPrefix(sender_, sender) && isPrefix(destination_, destination);
+}
+
+const std::vector<std::string>& MessageKey::noAddress() noexcept { return kNoAddress; }
 
 std::unordered_set<MessageKey, MessageKey::Hasher> MessageKey::hashMessagesList(
     const MessageKey& key, HashingGroup group) {

@@ -67,6 +67,10 @@ public:
 
     // True when this key, as a table entry, accepts a message whose key is `other`.
     bool covers(const MessageKey& other) const noexcept;
+    // The same test against a message key given by its parts, which spares
+    // building one.
+    bool covers(unsigned long id, const std::vector<std::string>& sender,
+                const std::vector<std::string>& destination) const noexcept;
 
     // Every table key that could cover `key` on the side `group` selects:
     // group Sender gives (identifier, each prefix of the sender, empty
@@ -76,7 +80,27 @@ public:
     static std::unordered_set<MessageKey, Hasher> hashMessagesList(const MessageKey& key,
                                                                    HashingGroup group);
 
+    // Calls visit(const MessageKey&) for each key that hashMessagesList would
+    // return for a key with identifier `id` and `address` on the side `group`
+    // names, longest prefix first, until visit returns false. The set is not
+    // built: the candidates are one key whose address is shortened in place
+    // between calls, so nothing is allocated beyond one copy of `address`.
+    template <class Visit>
+    static void visitCandidates(unsigned long id, const std::vector<std::string>& address,
+                                HashingGroup group, Visit&& visit) {
+        const bool senderSide = group == HashingGroup::Sender;
+        MessageKey candidate(id, senderSide ? address : noAddress(), senderSide ? noAddress() : address,
+                             HashFunction());
+        std::vector<std::string>& prefix = senderSide ? candidate.sender_ : candidate.destination_;
+        for (;;) {
+            if (!visit(static_cast<const MessageKey&>(candidate)) || prefix.empty()) break;
+            prefix.pop_back();
+        }
+    }
+
 private:
+    static const std::vector<std::string>& noAddress() noexcept;
+
     unsigned long id_;
     std::vector<std::string> sender_;
     std::vector<std::string> destination_;

@@ -3,6 +3,7 @@
 #include <kest/model/Message.h>
 #include <kest/msgs/MessageDispatcher.h>
 #include <kest/msgs/Routing.h>
+#include <kest/msgs/internal/Delivery.h>
 
 #include <limits>
 
@@ -56,7 +57,7 @@ bool MessageDispatcher::removeFirst(RankedQueues& queues, const QueuePtr& queue)
 bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>& address,
                                   const Identifier& id) {
     if (!queue) return false;
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, &hashWithSender);
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
@@ -66,7 +67,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
 
 bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                                     const Identifier& id) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     const MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
@@ -79,7 +80,7 @@ bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::strin
 }
 
 bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     for (auto entry = subscriptions.begin(); entry != subscriptions.end();) {
         if (entry->second.erase(queue) == 0) {
             ++entry;
@@ -92,7 +93,7 @@ bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) const {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     for (const auto& entry : subscriptions) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, static_cast<unsigned int>(entry.second.size()));
@@ -104,7 +105,7 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination, &hashWithDestination);
     auto entry = services.find(key);
     if (entry == services.end()) {
@@ -132,7 +133,7 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
 
 bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                                           const Identifier& id) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     const MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination,
                          MessageKey::HashFunction());
     auto entry = services.find(key);
@@ -143,7 +144,7 @@ bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std:
 }
 
 bool MessageDispatcher::unregisterAll(QueuePtr queue) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     for (auto entry = services.begin(); entry != services.end();) {
         if (removeFirst(entry->second, queue)) announceRankChange(entry->first, entry->second, queue);
         entry = entry->second.empty() ? services.erase(entry) : std::next(entry);
@@ -152,7 +153,7 @@ bool MessageDispatcher::unregisterAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     for (const auto& entry : services) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, ServiceInfo{entry.second.size(), entry.second.begin()->first});
@@ -163,7 +164,7 @@ std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
 // ---- Posting -------------------------------------------------------------
 
 bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
-    detail::LockGuard lock(mutex);
+    Kest::detail::LockGuard lock(mutex);
     return unprotected_postMessage(std::move(message), sender);
 }
 
@@ -172,31 +173,37 @@ bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> m
     if (!message) return false;
     if (!handled.handleMessage(message->identity())) return false;  // a repeat
 
-    ServedSet served;
-    served.insert(sender);
+    detail::ServedQueues served(sender.get());
 
-    for (Subscribers* subscribers :
-         findCovering(message, subscriptions, false, MessageKey::HashingGroup::Sender)) {
-        for (const QueuePtr& queue : *subscribers) dispatchMessage(message, queue, served);
-    }
+    // Deliveries cannot change the tables (they must not call back into this
+    // dispatcher), so the entries are visited while they are found.
+    detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
+                            [&](const Subscribers& subscribers) {
+                                for (const QueuePtr& queue : subscribers) {
+                                    detail::deliver(message, queue.get(), served);
+                                }
+                                return true;
+                            });
 
     if (!message->destination.initialized()) return true;
 
-    std::vector<RankedQueues*> entries =
-        findCovering(message, services, false, MessageKey::HashingGroup::Destination);
-    if (entries.empty()) return false;
+    // Each covering entry: its queues from the lowest rank up, until one takes it.
+    bool covered = false;
     bool ok = true;
-    for (RankedQueues* queues : entries) {
-        bool taken = false;
-        for (const auto& ranked : *queues) {
-            if (dispatchMessage(message, ranked.second, served)) {
-                taken = true;
-                break;
-            }
-        }
-        ok = ok && taken;
-    }
-    return ok;
+    detail::forEachCovering(*message, services, MessageKey::HashingGroup::Destination,
+                            [&](const RankedQueues& queues) {
+                                covered = true;
+                                bool taken = false;
+                                for (const auto& ranked : queues) {
+                                    if (detail::deliver(message, ranked.second.get(), served)) {
+                                        taken = true;
+                                        break;
+                                    }
+                                }
+                                ok = ok && taken;
+                                return true;
+                            });
+    return covered && ok;
 }
 
 }  // namespace Kest::Msgs

@@ -23,7 +23,7 @@ void writeAddress(std::ostream& out, const ReflectedAddress& address) {
 }  // namespace
 
 void handleMessageDirect(const std::string& prefix, const Message& message) {
-    detail::LockGuard lock(traceMutex);
+    Kest::detail::LockGuard lock(traceMutex);
     const Identifier id = message.id();
     std::cout << prefix << ": sender = ";
     writeAddress(std::cout, message.sender);

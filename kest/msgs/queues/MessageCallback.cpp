@@ -12,7 +12,7 @@ std::shared_ptr<const Message> MessageCallback::getMessage(std::chrono::millisec
 }
 
 bool MessageCallback::putMessage(std::shared_ptr<const Message> message) {
-    detail::LockGuard lock(mutex_);
+    Kest::detail::LockGuard lock(mutex_);
     callback_(message);  // empty: std::bad_function_call
     return true;
 }

@@ -10,7 +10,7 @@ MessageQueue::MessageQueue(const std::vector<std::string>& /*args*/) {}
 MessageQueue::MessageQueue() = default;
 
 bool MessageQueue::putMessage(std::shared_ptr<const Message> message) {
-    detail::LockGuard lock(mutex_);
+    Kest::detail::LockGuard lock(mutex_);
     internalPutMessage(std::move(message));
     return true;
 }
@@ -28,7 +28,7 @@ std::shared_ptr<const Message> MessageQueue::internalGetImmediateMessage() {
 }
 
 unsigned int MessageQueue::getAvailableMessagesCount() const {
-    detail::LockGuard lock(mutex_);
+    Kest::detail::LockGuard lock(mutex_);
     return internalCount();
 }
 
@@ -37,9 +37,9 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
     using std::chrono::steady_clock;
     using std::chrono::system_clock;
 
-    detail::schedulePoint();
+    Kest::detail::schedulePoint();
     std::unique_lock<std::mutex> lock(mutex_);
-    detail::schedulePoint();
+    Kest::detail::schedulePoint();
     if (std::shared_ptr<const Message> message = internalGetImmediateMessage()) return message;
     // A null entry at the front has been dropped; go on as if the queue had been empty.
 
@@ -63,7 +63,7 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
             system_clock::now() +
             std::chrono::duration_cast<system_clock::duration>(steadyDeadline - steady_clock::now());
         available_.wait_until(lock, wallDeadline);
-        detail::schedulePoint();
+        Kest::detail::schedulePoint();
         const bool wallPassed = system_clock::now() >= wallDeadline;
         const bool steadyPassed = steady_clock::now() >= steadyDeadline;
         if (wallPassed && steadyPassed) break;

@@ -17,6 +17,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -65,7 +66,9 @@ protected:
 
 private:
     mutable std::mutex mutex_;
-    std::list<std::shared_ptr<const Message>> messages_;  // guarded by mutex_, oldest first
+    // A deque: its blocks are reused as the queue fills and drains, where a
+    // list would allocate a node for every message.
+    std::deque<std::shared_ptr<const Message>> messages_;  // guarded by mutex_, oldest first
     std::condition_variable available_;                   // signalled on every put
 };
 

@@ -13,7 +13,7 @@ std::shared_ptr<const Message> MessageQueue_FixedDepth::getMessage(std::chrono::
 }
 
 bool MessageQueue_FixedDepth::putMessage(std::shared_ptr<const Message> message) {
-    detail::LockGuard lock(mutex());
+    Kest::detail::LockGuard lock(mutex());
     if (maxDepth_.load(std::memory_order_relaxed) <= internalCount()) return false;
     internalPutMessage(std::move(message));
     return true;
