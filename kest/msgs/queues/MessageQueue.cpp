@@ -62,7 +62,16 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
         const system_clock::time_point wallDeadline =
             system_clock::now() +
             std::chrono::duration_cast<system_clock::duration>(steadyDeadline - steady_clock::now());
-        available_.wait_until(lock, wallDeadline);
+        if (wallDeadline > system_clock::now()) {
+            available_.wait_until(lock, wallDeadline);
+        } else {
+            // A wait whose deadline has passed returns at once; it only lets
+            // a writer slip in. The condition variable would still sleep for
+            // the timer slack (tens of microseconds), so release the lock
+            // briefly instead.
+            lock.unlock();
+            lock.lock();
+        }
         Kest::detail::schedulePoint();
         const bool wallPassed = system_clock::now() >= wallDeadline;
         const bool steadyPassed = steady_clock::now() >= steadyDeadline;
