@@ -7,9 +7,12 @@
 // IsRecord is true exactly when T is itself a record (a MirroredObject).
 // ReflectorArray<T> holds a std::vector<T>.
 //
-// Reading a field from a metadata tree never throws: a scalar or record field
-// whose element is missing or malformed is reset (default value, uninitialised);
-// an array field keeps its value and prints one diagnostic line. Reading the
+// Reading a field from a metadata tree (an object) never throws: a scalar or
+// record field whose element is missing or malformed is reset (default
+// value, uninitialised); an array field keeps its value and prints one
+// diagnostic line. An array field asked to read from a tree that is not an
+// object throws MetaDataException, which a record field holding it turns
+// into its reset state. Reading the
 // value of an unset scalar or record field with operator()() throws
 // MetaDataException.
 //
@@ -160,13 +163,13 @@ public:
         for (unsigned long i = 0; i < value_.size(); ++i) SetAs<T>(value_[i], array[i]);
     }
 
-    // A tree that is not an object has no element of this name.
+    // Reads the field from `tree`, which must be an object: on any other
+    // kind this throws MetaDataException, so that a record field holding
+    // such a tree falls back to its reset state.
     void copyFromMetaData(const Element& tree) override {
-        if (tree.GetElementType() == Element::ObjectType) {
-            assign(tree);
-        } else {
-            assign(Element());
-        }
+        // The check stands for taking the tree as an Object, which would copy it.
+        static_cast<void>(static_cast<const Object&>(tree));
+        assign(tree);
     }
 
     virtual void assign(const std::vector<T>& value) {
