@@ -24,6 +24,10 @@ install(FILES ${PROJECT_BINARY_DIR}/KestMessagingConfig.cmake
               ${PROJECT_BINARY_DIR}/KestMessagingConfigVersion.cmake
         DESTINATION ${kest_cmake_dir})
 
+# The prefix is found from the .pc file's own place, so the installed tree
+# may be moved and `cmake --install --prefix` works after configuring.
+file(RELATIVE_PATH kest_pc_to_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" kest_pc_to_prefix "${kest_pc_to_prefix}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kest-messaging.pc.in
   ${PROJECT_BINARY_DIR}/kest-messaging.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kest-messaging.pc
