@@ -1,0 +1,90 @@
+// The factory cases against the entry point linked into this executable, and
+// what only a program that links the dispatcher library can see: the
+// concrete classes behind the components.
+
+#include "PluginFixture.h"
+
+#include <kest/components/ComponentFactory_Base.h>
+#include <kest/components/Component_Base.h>
+#include <kest/model/MessageDispatcherInterface.h>
+#include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/queues/MessageCallback.h>
+#include <kest/msgs/queues/MessageQueue.h>
+#include <kest/msgs/queues/MessageQueue_FixedDepth.h>
+#include <kest/plugin/Factory.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <type_traits>
+
+namespace KestPluginTest {
+namespace {
+
+using Kest::Msgs::Factory;
+using Kest::Msgs::MessageDispatcherInterface;
+
+static_assert(std::is_same_v<decltype(&::getComponentFactory), GetComponentFactoryFn>,
+              "the entry point has the signature hosts call it with");
+static_assert(std::is_base_of_v<Kest::Component_Base, Factory>);
+static_assert(std::is_base_of_v<Kest::ComponentFactory_Base, Factory>);
+static_assert(std::is_base_of_v<Kest::LifeCycle::PassiveInterface, Factory>);
+static_assert(std::is_default_constructible_v<Factory>);
+static_assert(!std::is_copy_constructible_v<Factory>);
+static_assert(!std::is_copy_assignable_v<Factory>);
+
+GetComponentFactoryFn linkedEntryPoint() { return &::getComponentFactory; }
+
+INSTANTIATE_TEST_SUITE_P(Linked, PluginFactory, ::testing::Values(EntryPoint{"linked", &linkedEntryPoint}));
+
+std::shared_ptr<Factory> startedFactory() {
+    std::shared_ptr<Kest::ComponentFactoryInterface> holder;
+    ::getComponentFactory(holder);
+    auto factory = std::dynamic_pointer_cast<Factory>(holder);
+    if (factory) factory->startLifeCycle();
+    return factory;
+}
+
+TEST(PluginLinked, EntryPointGivesAFactoryOfTheConcreteClass) {
+    std::shared_ptr<Kest::ComponentFactoryInterface> holder;
+    ::getComponentFactory(holder);
+    auto factory = std::dynamic_pointer_cast<Factory>(holder);
+    ASSERT_NE(factory, nullptr);
+    EXPECT_EQ(holder.use_count(), 2);
+}
+
+TEST(PluginLinked, CreatorsMakeTheConcreteClasses) {
+    auto factory = startedFactory();
+    ASSERT_NE(factory, nullptr);
+
+    auto dispatcher = factory->createComponent(MessageDispatcherInterface::DispatcherType, {});
+    auto queue = factory->createComponent(MessageDispatcherInterface::QueueType, {});
+    auto fixed = factory->createComponent(MessageDispatcherInterface::FixedDepthQueueType, {});
+    auto callback = factory->createComponent(MessageDispatcherInterface::CallbackQueueType, {});
+
+    EXPECT_NE(std::dynamic_pointer_cast<Kest::Msgs::MessageDispatcher>(dispatcher), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<Kest::Msgs::MessageQueue>(queue), nullptr);
+    EXPECT_EQ(std::dynamic_pointer_cast<Kest::Msgs::MessageQueue_FixedDepth>(queue), nullptr)
+        << "QueueType made a bounded queue";
+    EXPECT_NE(std::dynamic_pointer_cast<Kest::Msgs::MessageQueue_FixedDepth>(fixed), nullptr);
+    auto concreteCallback = std::dynamic_pointer_cast<Kest::Msgs::MessageCallback>(callback);
+    ASSERT_NE(concreteCallback, nullptr);
+    EXPECT_FALSE(static_cast<bool>(concreteCallback->getCallback()));
+}
+
+TEST(PluginLinked, CreateDispatcherMakesANewDispatcherWithoutALifeCycle) {
+    Factory factory;
+    EXPECT_TRUE(factory.supportedComponents().empty());
+
+    auto first = factory.createDispatcher({});
+    auto second = factory.createDispatcher({"ignored"});
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(first.use_count(), 1);
+    EXPECT_NE(std::dynamic_pointer_cast<Kest::Msgs::MessageDispatcher>(first), nullptr);
+    EXPECT_TRUE(factory.supportedComponents().empty());
+}
+
+}  // namespace
+}  // namespace KestPluginTest
