@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh g++ cmake make libgtest-dev libbenchmark-dev pkg-config binutils \
+scripts/ensure-packages.sh g++ cmake make libgtest-dev libbenchmark-dev pkg-config binutils abigail-tools \
   python3
 
 presets=("$@")
