@@ -10,9 +10,10 @@
 
 #include <kest/msgs/Api.h>
 
-#include <deque>
+#include <cstddef>
+#include <cstdint>
 #include <string>
-#include <unordered_set>
+#include <vector>
 
 namespace Kest::Msgs {
 
@@ -30,8 +31,27 @@ public:
     bool handleMessage(const std::string& id);
 
 private:
-    std::unordered_set<std::string> lookup_;  // the same strings as order_
-    std::deque<std::string> order_;           // oldest first
+    // One slot of the open-addressing index: a position in the ring and the
+    // high half of its string's hash, or kFree.
+    struct Slot {
+        std::uint32_t position;
+        std::uint32_t hashTag;
+    };
+    static constexpr std::uint32_t kFree = 0xFFFFFFFFu;
+
+    std::size_t find(const std::string& id, std::uint64_t hash) const;
+    void insertIndex(std::uint32_t position, std::uint64_t hash);
+    void eraseIndex(std::uint32_t position);
+    void growIndex();
+
+    // The remembered strings in a ring, the oldest at oldest_ once the ring is
+    // full; each string's hash beside it. Strings are assigned in place when
+    // the ring turns, so a full history allocates nothing per message.
+    std::vector<std::string> ring_;
+    std::vector<std::uint64_t> hashes_;
+    std::size_t oldest_ = 0;
+    // Linear probing over positions in ring_; at most half full.
+    std::vector<Slot> index_;
     unsigned int historyLength_;
 };
 
