@@ -1,0 +1,867 @@
+// Fuzz target: metadata trees read into the reflective records.
+//
+// The input is decoded into two trees (empty, number, string, object and
+// array elements; member names drawn from the real field names, near misses
+// and raw bytes; bounded depth and size). A Message, each of the four
+// notification kinds, a ServiceData and a MessageKeyData read the first
+// tree, then the second one over it, and every field is compared with what
+// an independent model of the reflector rules predicts:
+//
+//  - a number or string field is initialised with the element's value when
+//    the tree has its name with the right kind, else it is 0 (or "") and
+//    uninitialised;
+//  - an address field with its name missing becomes empty and
+//    uninitialised; an element that is not an array prints "Should have
+//    gotten an Array" and leaves the field as it was; an array holding a
+//    non-string prints "Array corrupt for <name>" and leaves it as it was;
+//  - an address field asked to read from a tree that is not an object
+//    throws MetaDataException; the fields after it are not read;
+//  - a record field whose name is present reads its own fields, in place,
+//    from that element and is initialised; a missing one, or one whose
+//    reading throws, is reset to the default record, assigned through the
+//    record copy (so a required identifier inside comes out as 0, set).
+//
+// The diagnostic lines are captured from std::cout and compared in order.
+// Then the record is written back into an object with copyToMetaData (which
+// must hold exactly its initialised fields) and read into a fresh record,
+// which must end up with the same initialised values. Copies of records must
+// carry their own fields. Any broken promise aborts.
+
+#include <kest/metadata/Element.h>
+#include <kest/metadata/MirroredObject.h>
+#include <kest/model/Forwarder.h>
+#include <kest/model/ForwarderNotifications.h>
+#include <kest/model/Identifier.h>
+#include <kest/model/Message.h>
+#include <kest/model/MessageKey.h>
+#include <kest/model/MessageKeyData.h>
+#include <kest/model/Reflector.h>
+
+#include "FuzzSupport.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Kest::MetaData::Array;
+using Kest::MetaData::Element;
+using Kest::MetaData::MetaDataException;
+using Kest::MetaData::Object;
+using Kest::MetaData::ReflectorBase;
+using Kest::MetaData::ReflectorNoWriteParend;
+using Kest::Msgs::Identifier;
+using Kest::Msgs::Message;
+using Kest::Msgs::Communications::Forwarder::ServiceData;
+using Kest::Msgs::Structs::MessageKeyData;
+using KestFuzz::check;
+using KestFuzz::fail;
+using KestFuzz::FuzzInput;
+
+template <class T, bool IsRecord>
+using Field = Kest::MetaData::Reflector<T, IsRecord, true>;
+
+constexpr int kMaxDepth = 8;
+constexpr int kMaxNodes = 200;
+
+const std::string kArrayExpectedLine =
+    "Exception MetaDat::ReflectorArray Should have gotten an Array, but didn't\n";
+const std::string kArrayCorruptLine = "Exception MetaDat::ReflectorArray MetaData Array corrupt for ";
+
+// ---------------------------------------------------------------------------
+// The tree as the model sees it: a plain value, independent of Element.
+
+struct Member;
+
+struct Node {
+    enum class Kind { Empty, Number, String, Object, Array };
+    Kind kind = Kind::Empty;
+    unsigned long number = 0;
+    std::string text;
+    std::vector<Member> members;  // unique names, any order
+    std::vector<Node> items;
+
+    const Node* member(const std::string& name) const;
+    void set(const std::string& name, Node value);
+};
+
+struct Member {
+    std::string name;
+    Node value;
+};
+
+const Node* Node::member(const std::string& name) const {
+    if (kind != Kind::Object) return nullptr;
+    for (const Member& m : members) {
+        if (m.name == name) return &m.value;
+    }
+    return nullptr;
+}
+
+// Like assigning into a map: a repeated name replaces the earlier value.
+void Node::set(const std::string& name, Node value) {
+    kind = Kind::Object;
+    for (Member& m : members) {
+        if (m.name == name) {
+            m.value = std::move(value);
+            return;
+        }
+    }
+    members.push_back(Member{name, std::move(value)});
+}
+
+Node numberNode(unsigned long value) {
+    Node n;
+    n.kind = Node::Kind::Number;
+    n.number = value;
+    return n;
+}
+
+Node stringNode(std::string text) {
+    Node n;
+    n.kind = Node::Kind::String;
+    n.text = std::move(text);
+    return n;
+}
+
+Node stringArrayNode(const std::vector<std::string>& values) {
+    Node n;
+    n.kind = Node::Kind::Array;
+    for (const std::string& v : values) n.items.push_back(stringNode(v));
+    return n;
+}
+
+bool equalNodes(const Node& a, const Node& b) {
+    if (a.kind != b.kind) return false;
+    switch (a.kind) {
+        case Node::Kind::Empty:
+            return true;
+        case Node::Kind::Number:
+            return a.number == b.number;
+        case Node::Kind::String:
+            return a.text == b.text;
+        case Node::Kind::Object:
+            if (a.members.size() != b.members.size()) return false;
+            for (const Member& m : a.members) {
+                const Node* other = b.member(m.name);
+                if (other == nullptr || !equalNodes(m.value, *other)) return false;
+            }
+            return true;
+        case Node::Kind::Array:
+            if (a.items.size() != b.items.size()) return false;
+            for (std::size_t i = 0; i < a.items.size(); ++i) {
+                if (!equalNodes(a.items[i], b.items[i])) return false;
+            }
+            return true;
+    }
+    return false;
+}
+
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            static const char digits[] = "0123456789abcdef";
+            out += "\\x";
+            out.push_back(digits[c >> 4]);
+            out.push_back(digits[c & 15]);
+        }
+    }
+    return out + "\"";
+}
+
+std::string describe(const Node& n) {
+    switch (n.kind) {
+        case Node::Kind::Empty:
+            return "empty";
+        case Node::Kind::Number:
+            return std::to_string(n.number);
+        case Node::Kind::String:
+            return quoted(n.text);
+        case Node::Kind::Object: {
+            std::string out = "{";
+            for (const Member& m : n.members) {
+                if (out.size() > 1) out += ", ";
+                out += quoted(m.name) + ": " + describe(m.value);
+            }
+            return out + "}";
+        }
+        case Node::Kind::Array: {
+            std::string out = "[";
+            for (const Node& item : n.items) {
+                if (out.size() > 1) out += ", ";
+                out += describe(item);
+            }
+            return out + "]";
+        }
+    }
+    return "?";
+}
+
+// ---------------------------------------------------------------------------
+// Decoding the input into trees.
+
+const char* const kFieldNames[] = {"Id", "Sender", "Destination", "Identity",
+                                   "Data", "Key", "Count", "Rank"};
+
+class TreeDecoder {
+public:
+    explicit TreeDecoder(FuzzInput& input) : input_(input) {}
+
+    Node tree() { return node(0); }
+
+private:
+    std::string name() {
+        unsigned choice = input_.pick(12);
+        if (choice < 8) return kFieldNames[choice];
+        switch (choice) {
+            case 8:
+                return "";
+            case 9:
+                return "Sender ";  // near misses must not match
+            case 10:
+                return "rank";
+            default:
+                return input_.bytes(4);
+        }
+    }
+
+    Node node(int depth) {
+        Node n;
+        if (budget_ <= 0) return n;
+        --budget_;
+        switch (input_.pick(5)) {
+            case 0:
+                break;
+            case 1: {
+                std::uint8_t b = input_.byte();
+                n = numberNode((b & 0x80) != 0 ? input_.u64() : b);
+                break;
+            }
+            case 2:
+                n = stringNode(input_.bytes(6));
+                break;
+            case 3:
+                if (depth >= kMaxDepth) break;
+                n.kind = Node::Kind::Object;
+                for (unsigned count = input_.pick(6); count > 0; --count) {
+                    std::string key = name();
+                    n.set(key, node(depth + 1));
+                }
+                break;
+            default:
+                if (depth >= kMaxDepth) break;
+                n.kind = Node::Kind::Array;
+                for (unsigned count = input_.pick(6); count > 0; --count) {
+                    n.items.push_back(node(depth + 1));
+                }
+                break;
+        }
+        return n;
+    }
+
+    FuzzInput& input_;
+    int budget_ = kMaxNodes;
+};
+
+// The same tree as the library's Element, built through its public interface.
+Element toElement(const Node& n) {
+    switch (n.kind) {
+        case Node::Kind::Empty:
+            return Element();
+        case Node::Kind::Number:
+            return Element(n.number);
+        case Node::Kind::String:
+            return Element(n.text);
+        case Node::Kind::Object: {
+            Object object;
+            for (const Member& m : n.members) object[m.name] = toElement(m.value);
+            return Element(object);
+        }
+        case Node::Kind::Array: {
+            Array array;
+            for (const Node& item : n.items) array.push_back(toElement(item));
+            return Element(array);
+        }
+    }
+    return Element();
+}
+
+// An Element read back into a Node, for comparing what copyToMetaData wrote.
+Node fromElement(const Element& e) {
+    Node n;
+    switch (e.GetElementType()) {
+        case Element::EmptyType:
+            return n;
+        case Element::NumberType: {
+            unsigned long value = 0;
+            Kest::MetaData::GetAs(e, value);
+            return numberNode(value);
+        }
+        case Element::StringType: {
+            std::string text;
+            Kest::MetaData::GetAs(e, text);
+            return stringNode(text);
+        }
+        case Element::ObjectType: {
+            const Object& object = e;
+            n.kind = Node::Kind::Object;
+            for (const auto& member : object) n.set(member.first, fromElement(member.second));
+            return n;
+        }
+        case Element::ArrayType: {
+            const Array& array = e;
+            n.kind = Node::Kind::Array;
+            for (const Element& item : array) n.items.push_back(fromElement(item));
+            return n;
+        }
+        default:
+            fail("element of unknown type " + std::to_string(e.GetElementType()));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The records' states as the model tracks them: initialised flag and value of
+// every field, values of uninitialised fields included.
+
+template <class T>
+struct State {
+    bool init = false;
+    T value{};
+};
+
+template <class T>
+bool operator==(const State<T>& a, const State<T>& b) {
+    return a.init == b.init && a.value == b.value;
+}
+
+using Number = State<unsigned long>;
+using Text = State<std::string>;
+using Address = State<std::vector<std::string>>;
+
+struct KeyState {
+    bool idRequired = false;  // a property of the field, read from the record
+    Number id;
+    Address sender;
+    Address destination;
+};
+
+bool operator==(const KeyState& a, const KeyState& b) {
+    return a.idRequired == b.idRequired && a.id == b.id && a.sender == b.sender &&
+           a.destination == b.destination;
+}
+
+struct DataState {
+    State<KeyState> key;
+    Number count;
+    Number rank;
+};
+
+bool operator==(const DataState& a, const DataState& b) {
+    return a.key == b.key && a.count == b.count && a.rank == b.rank;
+}
+
+struct MessageState {
+    Number id;
+    Address sender;
+    Address destination;
+    Text identity;
+    bool hasData = false;
+    State<DataState> data;
+};
+
+bool operator==(const MessageState& a, const MessageState& b) {
+    return a.id == b.id && a.sender == b.sender && a.destination == b.destination &&
+           a.identity == b.identity && a.hasData == b.hasData && (!a.hasData || a.data == b.data);
+}
+
+std::string describe(const Number& s) {
+    return (s.init ? "" : "unset ") + std::to_string(s.value);
+}
+
+std::string describe(const Text& s) { return (s.init ? "" : "unset ") + quoted(s.value); }
+
+std::string describe(const Address& s) {
+    std::string out = s.init ? "[" : "unset [";
+    for (std::size_t i = 0; i < s.value.size(); ++i) out += (i ? ", " : "") + quoted(s.value[i]);
+    return out + "]";
+}
+
+std::string describe(const KeyState& k) {
+    return "{Id " + describe(k.id) + (k.idRequired ? " (required)" : "") + ", Sender " +
+           describe(k.sender) + ", Destination " + describe(k.destination) + "}";
+}
+
+std::string describe(const DataState& d) {
+    return "{Key " + std::string(d.key.init ? "" : "unset ") + describe(d.key.value) + ", Count " +
+           describe(d.count) + ", Rank " + describe(d.rank) + "}";
+}
+
+std::string describe(const MessageState& m) {
+    std::string out = "{Id " + describe(m.id) + ", Sender " + describe(m.sender) + ", Destination " +
+                      describe(m.destination) + ", Identity " + describe(m.identity);
+    if (m.hasData) out += ", Data " + std::string(m.data.init ? "" : "unset ") + describe(m.data.value);
+    return out + "}";
+}
+
+// ---------------------------------------------------------------------------
+// Reading the actual records' states. Values of unset scalar and record
+// fields are not reachable through operator()(), which throws; this derived
+// view reads the stored value directly.
+
+template <class T>
+struct ValueOf : ReflectorNoWriteParend<T, true> {
+    static const T& of(const ReflectorNoWriteParend<T, true>& field) {
+        return field.*(&ValueOf::value_);
+    }
+};
+
+std::vector<const ReflectorBase*> fieldsOf(const Kest::MetaData::MirroredObject& record) {
+    std::vector<const ReflectorBase*> fields;
+    record.forEachField([&](const ReflectorBase& f) { fields.push_back(&f); });
+    return fields;
+}
+
+void checkFields(const Kest::MetaData::MirroredObject& record, const char* what,
+                 const std::vector<std::pair<const ReflectorBase*, const char*>>& expected) {
+    const std::vector<const ReflectorBase*> fields = fieldsOf(record);
+    if (fields.size() != expected.size()) fail(std::string(what) + ": wrong number of fields");
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        if (expected[i].first != nullptr && fields[i] != expected[i].first) {
+            fail(std::string(what) + ": field " + std::to_string(i) + " is not the record's own");
+        }
+        if (fields[i]->name() != expected[i].second) {
+            fail(std::string(what) + ": field " + std::to_string(i) + " is named " +
+                 quoted(fields[i]->name()) + ", not " + expected[i].second);
+        }
+    }
+}
+
+Number numberState(const Field<unsigned long, false>& f) {
+    return {f.initialized(), ValueOf<unsigned long>::of(f)};
+}
+
+Number identifierState(const Field<Identifier, false>& f) {
+    return {f.initialized(), static_cast<unsigned long>(ValueOf<Identifier>::of(f))};
+}
+
+Address addressState(const Kest::Msgs::ReflectedAddress& f) { return {f.initialized(), f()}; }
+
+KeyState snapshot(const MessageKeyData& k) {
+    checkFields(k, "MessageKeyData", {{&k.id, "Id"}, {&k.sender, "Sender"}, {&k.destination, "Destination"}});
+    KeyState s;
+    s.idRequired = k.id.isRequired();
+    s.id = identifierState(k.id);
+    s.sender = addressState(k.sender);
+    s.destination = addressState(k.destination);
+    return s;
+}
+
+DataState snapshot(const ServiceData& d) {
+    checkFields(d, "ServiceData", {{&d.key, "Key"}, {&d.count, "Count"}, {&d.rank, "Rank"}});
+    DataState s;
+    s.key = {d.key.initialized(), snapshot(ValueOf<MessageKeyData>::of(d.key))};
+    s.count = numberState(d.count);
+    s.rank = numberState(d.rank);
+    return s;
+}
+
+// `data` is the notification's payload field, or nullptr for a plain message.
+MessageState snapshot(const Message& m, const Field<ServiceData, true>* data) {
+    std::vector<std::pair<const ReflectorBase*, const char*>> expected = {
+        {nullptr, "Id"}, {&m.sender, "Sender"}, {&m.destination, "Destination"}, {&m.identity, "Identity"}};
+    if (data != nullptr) expected.push_back({data, "Data"});
+    checkFields(m, "Message", expected);
+
+    const auto* id = dynamic_cast<const Field<Identifier, false>*>(fieldsOf(m).front());
+    check(id != nullptr, "Message: field Id is not an identifier field");
+    MessageState s;
+    s.id = identifierState(*id);
+    check(static_cast<unsigned long>(m.id()) == (s.id.init ? s.id.value : 0UL),
+          "Message::id() disagrees with its field");
+    s.sender = addressState(m.sender);
+    s.destination = addressState(m.destination);
+    s.identity = {m.identity.initialized(), ValueOf<std::string>::of(m.identity)};
+    if (data != nullptr) {
+        s.hasData = true;
+        s.data = {data->initialized(), snapshot(ValueOf<ServiceData>::of(*data))};
+    }
+    return s;
+}
+
+// ---------------------------------------------------------------------------
+// The model: what reading a tree does to each kind of field.
+
+void readNumber(Number& field, const Node* tree, const std::string& name) {
+    const Node* e = tree != nullptr ? tree->member(name) : nullptr;
+    if (e != nullptr && e->kind == Node::Kind::Number) {
+        field = {true, e->number};
+    } else {
+        field = {false, 0};
+    }
+}
+
+void readText(Text& field, const Node* tree, const std::string& name) {
+    const Node* e = tree != nullptr ? tree->member(name) : nullptr;
+    if (e != nullptr && e->kind == Node::Kind::String) {
+        field = {true, e->text};
+    } else {
+        field = {false, std::string()};
+    }
+}
+
+// Returns false, leaving the field alone, when `tree` is not an object: an
+// address field cannot read from anything else and throws.
+bool readAddress(Address& field, const Node& tree, const std::string& name, std::string& lines) {
+    if (tree.kind != Node::Kind::Object) return false;
+    const Node* e = tree.member(name);
+    if (e == nullptr) {
+        field = {false, {}};
+        return true;
+    }
+    if (e->kind != Node::Kind::Array) {
+        lines += kArrayExpectedLine;
+        return true;
+    }
+    std::vector<std::string> values;
+    for (const Node& item : e->items) {
+        if (item.kind != Node::Kind::String) {
+            lines += kArrayCorruptLine + name + "\n";
+            return true;
+        }
+        values.push_back(item.text);
+    }
+    field = {true, values};
+    return true;
+}
+
+// A default MessageKeyData assigned through the record copy: its unset
+// identifier comes out as 0, initialised exactly when the target's
+// identifier field is required; the addresses come over unset and empty.
+KeyState resetKey(const KeyState& current) {
+    KeyState k;
+    k.idRequired = current.idRequired;
+    k.id = {current.idRequired, 0};
+    return k;
+}
+
+DataState resetData(const DataState& current) {
+    DataState d;
+    d.key = {false, resetKey(current.key.value)};
+    return d;
+}
+
+// Each read below returns false where the library throws: the fields are
+// read in declaration order and those after the throwing one stay as they were.
+
+bool readKeyRecord(KeyState& key, const Node& tree, std::string& lines) {
+    readNumber(key.id, &tree, "Id");
+    return readAddress(key.sender, tree, "Sender", lines) &&
+           readAddress(key.destination, tree, "Destination", lines);
+}
+
+// A record field reads its record in place from the element of its name, and
+// is reset when that is missing or when reading the record throws.
+void readKeyField(State<KeyState>& field, const Node& tree, std::string& lines) {
+    const Node* e = tree.member("Key");
+    if (e != nullptr && readKeyRecord(field.value, *e, lines)) {
+        field.init = true;
+    } else {
+        field = {false, resetKey(field.value)};
+    }
+}
+
+bool readDataRecord(DataState& data, const Node& tree, std::string& lines) {
+    readKeyField(data.key, tree, lines);
+    readNumber(data.count, &tree, "Count");
+    readNumber(data.rank, &tree, "Rank");
+    return true;
+}
+
+void readDataField(State<DataState>& field, const Node& tree, std::string& lines) {
+    const Node* e = tree.member("Data");
+    if (e != nullptr && readDataRecord(field.value, *e, lines)) {
+        field.init = true;
+    } else {
+        field = {false, resetData(field.value)};
+    }
+}
+
+bool readMessage(MessageState& m, const Node& tree, std::string& lines) {
+    readNumber(m.id, &tree, "Id");
+    if (!readAddress(m.sender, tree, "Sender", lines)) return false;
+    if (!readAddress(m.destination, tree, "Destination", lines)) return false;
+    readText(m.identity, &tree, "Identity");
+    if (m.hasData) readDataField(m.data, tree, lines);
+    return true;
+}
+
+// What copyToMetaData writes: each initialised field under its name; a tree
+// nothing was written to stays empty.
+Node writeKey(const KeyState& k) {
+    Node n;
+    if (k.id.init) n.set("Id", numberNode(k.id.value));
+    if (k.sender.init) n.set("Sender", stringArrayNode(k.sender.value));
+    if (k.destination.init) n.set("Destination", stringArrayNode(k.destination.value));
+    return n;
+}
+
+Node writeData(const DataState& d) {
+    Node n;
+    if (d.key.init) n.set("Key", writeKey(d.key.value));
+    if (d.count.init) n.set("Count", numberNode(d.count.value));
+    if (d.rank.init) n.set("Rank", numberNode(d.rank.value));
+    return n;
+}
+
+Node writeMessage(const MessageState& m) {
+    Node n;
+    if (m.id.init) n.set("Id", numberNode(m.id.value));
+    if (m.sender.init) n.set("Sender", stringArrayNode(m.sender.value));
+    if (m.destination.init) n.set("Destination", stringArrayNode(m.destination.value));
+    if (m.identity.init) n.set("Identity", stringNode(m.identity.value));
+    if (m.hasData && m.data.init) n.set("Data", writeData(m.data.value));
+    return n;
+}
+
+// Only what a tree copy can carry: the values of initialised fields. A key
+// record that is set but holds no set field is written as an empty element,
+// which is not an object, so it reads back as no record at all.
+KeyState visible(KeyState k) {
+    if (!k.id.init) k.id.value = 0;
+    if (!k.sender.init) k.sender.value.clear();
+    if (!k.destination.init) k.destination.value.clear();
+    return k;
+}
+
+State<KeyState> visible(const State<KeyState>& f) {
+    const KeyState& k = f.value;
+    if (!f.init || !(k.id.init || k.sender.init || k.destination.init)) {
+        return {false, KeyState{k.idRequired, {}, {}, {}}};
+    }
+    return {true, visible(k)};
+}
+
+DataState visible(DataState d) {
+    d.key = visible(d.key);
+    if (!d.count.init) d.count.value = 0;
+    if (!d.rank.init) d.rank.value = 0;
+    return d;
+}
+
+MessageState visible(MessageState m) {
+    if (!m.id.init) m.id.value = 0;
+    if (!m.sender.init) m.sender.value.clear();
+    if (!m.destination.init) m.destination.value.clear();
+    if (!m.identity.init) m.identity.value.clear();
+    if (m.hasData) {
+        if (m.data.init) {
+            m.data.value = visible(m.data.value);
+        } else {
+            DataState blank;
+            blank.key.value.idRequired = m.data.value.key.value.idRequired;
+            m.data = {false, blank};
+        }
+    }
+    return m;
+}
+
+// ---------------------------------------------------------------------------
+// The records under test, each with the model's view of it. A record starts
+// either blank or filled, so that "left as it was" has something to keep.
+
+ServiceData filledPayload() {
+    return ServiceData(Kest::Msgs::MessageKey(Identifier(5, 6), {"s"}, {"d", "e"}, {}), 2, 3);
+}
+
+struct KeyDataSubject {
+    using Record = MessageKeyData;
+    using Model = KeyState;
+    static constexpr const char* name = "MessageKeyData";
+    static std::unique_ptr<Record> make(bool filled) {
+        if (!filled) return std::make_unique<Record>();
+        return std::make_unique<Record>(Identifier(3, 4), std::vector<std::string>{"s"},
+                                        std::vector<std::string>{"d", "e"});
+    }
+    static Model snap(const Record& r) { return snapshot(r); }
+    static bool read(Model& m, const Node& tree, std::string& lines) { return readKeyRecord(m, tree, lines); }
+    static Node write(const Model& m) { return writeKey(m); }
+};
+
+struct ServiceDataSubject {
+    using Record = ServiceData;
+    using Model = DataState;
+    static constexpr const char* name = "ServiceData";
+    static std::unique_ptr<Record> make(bool filled) {
+        if (!filled) return std::make_unique<Record>();
+        return std::make_unique<Record>(filledPayload());
+    }
+    static Model snap(const Record& r) { return snapshot(r); }
+    static bool read(Model& m, const Node& tree, std::string& lines) { return readDataRecord(m, tree, lines); }
+    static Node write(const Model& m) { return writeData(m); }
+};
+
+struct PlainMessageSubject {
+    using Record = Message;
+    using Model = MessageState;
+    static constexpr const char* name = "Message";
+    static std::unique_ptr<Record> make(bool filled) {
+        if (!filled) return std::make_unique<Message>(Identifier(7, 9));
+        return std::make_unique<Message>(Identifier(7, 9), std::vector<std::string>{"from"},
+                                         std::vector<std::string>{"to", "there"});
+    }
+    static Model snap(const Record& r) { return snapshot(r, nullptr); }
+    static bool read(Model& m, const Node& tree, std::string& lines) { return readMessage(m, tree, lines); }
+    static Node write(const Model& m) { return writeMessage(m); }
+};
+
+template <class Notification>
+struct NotificationSubject {
+    using Record = Notification;
+    using Model = MessageState;
+    static constexpr const char* name = "notification";
+    static std::unique_ptr<Record> make(bool filled) {
+        if (!filled) return std::make_unique<Notification>();
+        return std::make_unique<Notification>(filledPayload());
+    }
+    static Model snap(const Record& r) {
+        Model m = snapshot(r, &r.data);
+        // The payload accessor reads the same field, and refuses an unset one.
+        if (m.data.init) {
+            check(&r.payload() == &ValueOf<ServiceData>::of(r.data), "payload() is not the Data field");
+        } else {
+            bool threw = false;
+            try {
+                (void)r.payload();
+            } catch (const MetaDataException&) {
+                threw = true;
+            }
+            check(threw, "payload() of an unset Data field did not throw");
+        }
+        return m;
+    }
+    static bool read(Model& m, const Node& tree, std::string& lines) { return readMessage(m, tree, lines); }
+    static Node write(const Model& m) { return writeMessage(m); }
+};
+
+// Reads `tree` into `record` and compares fields and printed lines with the
+// model, which is advanced to the expected state.
+template <class Subject>
+void readAndCheck(typename Subject::Record& record, typename Subject::Model& model, const Node& tree,
+                  const Element& element, const char* step) {
+    const typename Subject::Model before = model;
+    std::string expectedLines;
+    const bool expectThrow = !Subject::read(model, tree, expectedLines);
+
+    std::string lines;
+    std::string thrown;
+    {
+        KestFuzz::CapturedOutput output;
+        try {
+            record.copyFromMetaData(element);
+        } catch (const MetaDataException& e) {
+            thrown = e.what();
+        } catch (const std::exception& e) {
+            fail(std::string(Subject::name) + ": copyFromMetaData threw an unexpected kind: " + e.what());
+        }
+        lines = output.take();
+    }
+    const typename Subject::Model actual = Subject::snap(record);
+    if (!(actual == model) || lines != expectedLines || thrown.empty() == expectThrow) {
+        fail(std::string(Subject::name) + ", " + step + ": reading " + describe(tree) +
+             "\n  over      " + describe(before) + "\n  expected  " + describe(model) +
+             (expectThrow ? " and a MetaDataException" : "") + "\n  got       " + describe(actual) +
+             (thrown.empty() ? "" : " and a MetaDataException: " + thrown) +
+             "\n  expected lines " + quoted(expectedLines) + "\n  got lines      " + quoted(lines));
+    }
+}
+
+template <class Subject>
+void exercise(bool filled, const Node& first, const Element& firstElement, const Node& second,
+              const Element& secondElement) {
+    using Record = typename Subject::Record;
+    using Model = typename Subject::Model;
+
+    std::unique_ptr<Record> record = Subject::make(filled);
+    Model model = Subject::snap(*record);
+    readAndCheck<Subject>(*record, model, first, firstElement, "first tree");
+    readAndCheck<Subject>(*record, model, second, secondElement, "second tree over the first");
+
+    // Writing back into an object: exactly the initialised fields, no diagnostics.
+    Element written{Object()};
+    {
+        KestFuzz::CapturedOutput output;
+        record->copyToMetaData(written);
+        if (!output.take().empty()) fail(std::string(Subject::name) + ": copyToMetaData printed");
+    }
+    const Node writtenTree = fromElement(written);
+    Node expectedTree = Subject::write(model);
+    expectedTree.kind = Node::Kind::Object;
+    if (!equalNodes(writtenTree, expectedTree)) {
+        fail(std::string(Subject::name) + ": copyToMetaData of " + describe(model) + " wrote " +
+             describe(writtenTree) + ", expected " + describe(expectedTree));
+    }
+
+    // Round trip: a fresh record reading what was written has the same values.
+    std::unique_ptr<Record> fresh = Subject::make(false);
+    Model freshModel = Subject::snap(*fresh);
+    readAndCheck<Subject>(*fresh, freshModel, writtenTree, written, "round trip");
+    if (!(visible(freshModel) == visible(model))) {
+        fail(std::string(Subject::name) + ": round trip of " + describe(model) + " gave " +
+             describe(freshModel));
+    }
+
+    // A copy carries the values and its own fields: reading into it changes
+    // the copy and leaves the original alone.
+    if constexpr (std::is_copy_constructible_v<Record>) {
+        Record copy(*record);
+        Model copyModel = Subject::snap(copy);
+        if (!(copyModel == model)) fail(std::string(Subject::name) + ": copy differs from its original");
+        readAndCheck<Subject>(copy, copyModel, first, firstElement, "copy reading the first tree");
+        if (!(Subject::snap(*record) == model)) {
+            fail(std::string(Subject::name) + ": reading into a copy changed the original");
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace Kest::Msgs::Communications::Forwarder;
+
+    FuzzInput input(data, size);
+    const bool filled = (input.byte() & 1) != 0;
+    TreeDecoder decoder(input);
+    const Node first = decoder.tree();
+    const Node second = decoder.tree();
+    // For reading what an input does: KEST_FUZZ_TRACE=1 <target>_replay FILE
+    if (std::getenv("KEST_FUZZ_TRACE") != nullptr) {
+        std::fprintf(stderr, "%s\n%s\n%s\n", filled ? "filled" : "blank", describe(first).c_str(),
+                     describe(second).c_str());
+    }
+    const Element firstElement = toElement(first);
+    const Element secondElement = toElement(second);
+    check(equalNodes(fromElement(firstElement), first), "Element does not hold the tree it was built from");
+
+    exercise<KeyDataSubject>(filled, first, firstElement, second, secondElement);
+    exercise<ServiceDataSubject>(filled, first, firstElement, second, secondElement);
+    exercise<PlainMessageSubject>(filled, first, firstElement, second, secondElement);
+    exercise<NotificationSubject<ServiceRankNotification>>(filled, first, firstElement, second,
+                                                           secondElement);
+    exercise<NotificationSubject<ServiceChangeNotification>>(filled, first, firstElement, second,
+                                                             secondElement);
+    exercise<NotificationSubject<SubscriptionAddedNotification>>(filled, first, firstElement, second,
+                                                                 secondElement);
+    exercise<NotificationSubject<SubscriptionRemovedNotification>>(filled, first, firstElement,
+                                                                   second, secondElement);
+    return 0;
+}
