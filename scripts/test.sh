@@ -1,18 +1,33 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test suite on a fresh machine:
-#   scripts/test.sh            the plain, AddressSanitizer, ThreadSanitizer and
-#                              schedule-perturbation suites
-#   scripts/test.sh dev        only the named presets (dev, release, asan, tsan, perturb)
+# Sets up, builds and runs every check on a fresh machine:
+#   scripts/test.sh              everything, as CI runs it: each fuzzer for a
+#                                minute, a build of the benchmarks, then the
+#                                schedule-perturbation, ASan, TSan and plain suites
+#   scripts/test.sh dev          only the named steps: dev, release, asan, tsan,
+#                                perturb (test suites), fuzz, bench (build only)
+# The full plain suite runs last, so that its summary closes the log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/ensure-packages.sh g++ cmake make libgtest-dev libbenchmark-dev pkg-config binutils abigail-tools \
   python3
 
-presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(perturb asan tsan dev)  # the full plain suite last
+steps=("$@")
+[ ${#steps[@]} -eq 0 ] && steps=(fuzz bench perturb asan tsan dev)
 
-for preset in "${presets[@]}"; do
-  echo "=== ${preset}: configure, build, test ==="
-  cmake --workflow --preset "$preset" --fresh
+start=$SECONDS
+for step in "${steps[@]}"; do
+  echo "=== ${step} (after $((SECONDS - start)) s) ==="
+  case "$step" in
+    fuzz)
+      FUZZ_SECONDS="${FUZZ_SECONDS:-60}" scripts/fuzz.sh
+      ;;
+    bench)
+      scripts/ensure-packages.sh libboost-dev libzmq3-dev cppzmq-dev libconcurrentqueue-dev
+      cmake --workflow --preset bench --fresh
+      ;;
+    *)
+      cmake --workflow --preset "$step" --fresh
+      ;;
+  esac
 done
