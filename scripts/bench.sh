@@ -527,4 +527,7 @@ else:
     print("bench.sh: gnuplot not found, no plots written", file=sys.stderr)
 PY
 
+# The hand-kept record of the posting path's cost before and after its work.
+cat "$root/bench/posting-path-history.md" >> "$report_dir/benchmarks.md"
+
 echo "== done: $report_dir/benchmarks.md (suite took ${elapsed}s)"
