@@ -52,6 +52,9 @@ std::string path(const std::vector<std::string>& address) {
     return text.empty() ? "(any)" : text;
 }
 
+// "category.type", as the routing tables list identifiers.
+std::string name(Identifier id) { return std::to_string(id.category()) + "." + std::to_string(id.type()); }
+
 template <class Interface>
 std::shared_ptr<Interface> create(Kest::ComponentFactoryInterface& factory, const std::string& type) {
     auto component = std::dynamic_pointer_cast<Interface>(factory.createComponent(type, {}));
@@ -142,8 +145,8 @@ int main(int argc, char** argv) {
         say("routing notifications seen by the forwarder:");
         while (auto notice = forwarder->getMessage(std::chrono::milliseconds(0))) {
             const Fwd::ServiceData& data = *Fwd::notificationPayload(*notice);
-            say("  type " + std::to_string(notice->id().type()) + ": message " +
-                std::to_string(data.key().id().type()) + ", sender " + path(data.key().sender()) +
+            say("  type " + std::to_string(notice->id().type()) + ": message " + name(data.key().id()) +
+                ", sender " + path(data.key().sender()) +
                 ", destination " + path(data.key().destination()) + ", rank " + std::to_string(data.rank()));
         }
 
@@ -151,15 +154,14 @@ int main(int argc, char** argv) {
         dispatcher->getSubscriptionsTable(subscriptions);
         say("subscriptions:");
         for (const auto& entry : subscriptions) {
-            say("  message " + std::to_string(Identifier(entry.first.id()).category()) + "." +
-                std::to_string(Identifier(entry.first.id()).type()) + " from " + path(entry.first.sender()) +
+            say("  message " + name(Identifier(entry.first.id())) + " from " + path(entry.first.sender()) +
                 ": " + std::to_string(entry.second) + " queue(s)");
         }
         MessageDispatcherInterface::ServicesTable services;
         dispatcher->getServicesTable(services);
         say("services:");
         for (const auto& entry : services) {
-            say("  message " + std::to_string(Identifier(entry.first.id()).type()) + " to " +
+            say("  message " + name(Identifier(entry.first.id())) + " to " +
                 path(entry.first.destination()) + ": " + std::to_string(entry.second.queueCount) +
                 " queue(s), lowest rank " + std::to_string(entry.second.lowestRank));
         }
