@@ -48,10 +48,13 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
         return internalGetImmediateMessage();
     }
 
-    // Time-outs too long to add to the clock are clamped to about 100 years,
-    // which no caller can tell apart, instead of overflowing.
+    // Time-outs beyond what the clocks can add are clamped, instead of
+    // overflowing: long ones to about 100 years, which no caller can tell
+    // apart, negative ones to zero, which waits the same (once, at once).
     constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365 * 100);
-    const nanoseconds wait = timeout > longest ? nanoseconds(longest) : nanoseconds(timeout);
+    const nanoseconds wait = timeout > longest                        ? nanoseconds(longest)
+                             : timeout < std::chrono::milliseconds(0) ? nanoseconds(0)
+                                                                      : nanoseconds(timeout);
     const steady_clock::time_point steadyDeadline = steady_clock::now() + wait;
     if (internalCount() != 0) return internalGetImmediateMessage();
 

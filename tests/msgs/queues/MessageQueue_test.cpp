@@ -112,6 +112,24 @@ TYPED_TEST(BlockingQueue, NegativeTimeoutOnEmptyQueueReturnsEmptyAtOnce) {
     EXPECT_LT(since(start), atOnce);
 }
 
+// The extremes of the time-out type must not overflow the deadline.
+TYPED_TEST(BlockingQueue, SmallestTimeoutOnEmptyQueueReturnsEmptyAtOnce) {
+    auto queue = makeQueue<TypeParam>();
+    const auto start = steady_clock::now();
+    EXPECT_EQ(queue->getMessage(milliseconds::min()), nullptr);
+    EXPECT_LT(since(start), atOnce);
+}
+
+TYPED_TEST(BlockingQueue, LargestFiniteTimeoutWaitsUntilAMessageArrives) {
+    auto queue = makeQueue<TypeParam>();
+    Reader reader(queue, milliseconds::max() - milliseconds(1));
+    ASSERT_TRUE(reader.waitUntilBlocked()) << "getMessage(max - 1) returned without a message";
+    const MessagePtr message = makeMessage(Identifier(1, 4));
+    ASSERT_TRUE(queue->putMessage(message));
+    ASSERT_TRUE(reader.waitForResult(std::chrono::seconds(5)));
+    EXPECT_EQ(reader.result(), message);
+}
+
 TYPED_TEST(BlockingQueue, TimeoutOnEmptyQueueReturnsEmptyAfterTheFullTimeout) {
     auto queue = makeQueue<TypeParam>();
     const auto start = steady_clock::now();
