@@ -8,13 +8,14 @@
 
 #include <support/TestSupport.h>
 
+#include <support/StressTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -38,15 +39,6 @@ using std::chrono::milliseconds;
 using MessagePtr = std::shared_ptr<const Message>;
 
 const Identifier kWork(0x0502, 7);
-
-// KEST_STRESS_SCALE scales the counts down (or up) for slow builds.
-double stressScale() {
-    const char* text = std::getenv("KEST_STRESS_SCALE");
-    if (text == nullptr) return 1.0;
-    char* end = nullptr;
-    const double scale = std::strtod(text, &end);
-    return (end != text && scale > 0.0) ? scale : 1.0;
-}
 
 // Puts the component of type `type` to one use of its kind; true when that
 // worked. A dispatcher is given a queue from `factory` to deliver to.
@@ -83,7 +75,7 @@ bool useOnce(Kest::ComponentFactoryInterface& factory, const std::string& type,
 TEST_P(PluginFactory, FourThreadsCreateDistinctUsableComponentsAtOnce) {
     life_->startLifeCycle();
     constexpr int kThreads = 4;
-    const int perThread = std::max(8, static_cast<int>(100 * stressScale()));
+    const int perThread = KestTest::scaledCount(100, 8);
     const auto types = fourTypeNames();
 
     struct Made {

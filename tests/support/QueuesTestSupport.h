@@ -12,6 +12,8 @@
 #include <kest/model/Message.h>
 #include <kest/model/MessageQueueInterface.h>
 
+#include <support/StressTestSupport.h>  // scaledCount, for the queue stress tests
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -53,20 +55,6 @@ inline char threadState(pid_t tid) {
     const std::string::size_type close = text.rfind(')');
     if (close == std::string::npos || close + 2 >= text.size()) return '?';
     return text[close + 2];
-}
-
-// Multiplies the message counts of the stress tests; KEST_STRESS_SCALE, default 1.
-inline double stressScale() {
-    const char* text = std::getenv("KEST_STRESS_SCALE");
-    if (text == nullptr) return 1.0;
-    const double scale = std::strtod(text, nullptr);
-    return scale > 0.0 ? scale : 1.0;
-}
-
-// `count` scaled by stressScale(), never below `least`.
-inline int scaledCount(int count, int least) {
-    const int scaled = static_cast<int>(count * stressScale());
-    return scaled < least ? least : scaled;
 }
 
 // Runs `body` on a thread of its own and waits up to `limit` for it to end.

@@ -44,11 +44,13 @@ inline bool schedulePerturbed() {
 #endif
 }
 
+// KEST_STRESS_SCALE as a number; 1 when unset, unreadable or not positive.
 inline double stressScale() {
     const char* text = std::getenv("KEST_STRESS_SCALE");
     if (text == nullptr) return 1.0;
-    const double scale = std::atof(text);
-    return scale > 0.0 ? scale : 1.0;
+    char* end = nullptr;
+    const double scale = std::strtod(text, &end);
+    return (end != text && scale > 0.0) ? scale : 1.0;
 }
 
 // `count` scaled by KEST_STRESS_SCALE, and cut by `perturbedDivisor` when the

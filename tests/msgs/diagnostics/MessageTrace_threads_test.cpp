@@ -5,10 +5,11 @@
 
 #include <support/TestSupport.h>
 
+#include <support/StressTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -19,20 +20,9 @@
 using namespace Kest::Msgs;
 using namespace KestTest;
 
-namespace {
-
-int scaled(int count) {
-    double scale = 1.0;
-    if (const char* text = std::getenv("KEST_STRESS_SCALE")) scale = std::atof(text);
-    if (!(scale > 0.0)) scale = 1.0;
-    return std::max(20, static_cast<int>(count * scale));
-}
-
-}  // namespace
-
 TEST(MessageTraceThreads, ConcurrentCallsWriteWholeLines) {
     constexpr int Threads = 8;
-    const int perThread = scaled(300);
+    const int perThread = scaledCount(300, 20);
 
     std::map<std::string, int> expected;  // line -> the number of times it is written
     std::vector<std::string> prefixes;

@@ -8,12 +8,13 @@
 #include <support/DispatcherTestSupport.h>
 #include <support/TestSupport.h>
 
+#include <support/StressTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <set>
@@ -29,13 +30,6 @@ namespace {
 const Identifier Reading(0x0100, 1);
 
 constexpr int Posters = 4;
-
-int scaled(int count) {
-    double scale = 1.0;
-    if (const char* text = std::getenv("KEST_STRESS_SCALE")) scale = std::atof(text);
-    if (!(scale > 0.0)) scale = 1.0;
-    return std::max(50, static_cast<int>(count * scale));
-}
 
 // Poster and sequence number, carried in the sender address {"P", poster, sequence}.
 struct Origin {
@@ -67,7 +61,7 @@ std::vector<int> range(int from, int to) {
 }  // namespace
 
 TEST(MessageDispatcherThreads, PostersLoseNothingWhileSubscriptionsChange) {
-    const int perPoster = scaled(1500);
+    const int perPoster = KestTest::scaledCount(1500, 50);
     MessageDispatcher dispatcher;
 
     // Subscribed the whole time, to everything the posters send.
