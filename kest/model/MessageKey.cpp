@@ -26,9 +26,6 @@ bool isPrefix(const std::vector<std::string>& prefix, const std::vector<std::str
     return prefix.size() <= of.size() && std::equal(prefix.begin(), prefix.end(), of.begin());
 }
 
-const std::vector<std::string>& addressOf(const ReflectedAddress& address) {
-    return address.initialized() ? address() : kNoAddress;
-}
 
 }  // namespace
 
@@ -68,6 +65,10 @@ bool MessageKey::covers(unsigned long id, const std::vector<std::string>& sender
 }
 
 const std::vector<std::string>& MessageKey::noAddress() noexcept { return kNoAddress; }
+
+const std::vector<std::string>& MessageKey::addressOf(const ReflectedAddress& address) noexcept {
+    return address.initialized() ? address() : kNoAddress;
+}
 
 std::unordered_set<MessageKey, MessageKey::Hasher> MessageKey::hashMessagesList(
     const MessageKey& key, HashingGroup group) {

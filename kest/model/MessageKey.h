@@ -24,6 +24,7 @@
 namespace Kest::Msgs {
 
 class Message;
+class ReflectedAddress;
 
 class KEST_MESSAGES_API MessageKey {
 public:
@@ -54,6 +55,11 @@ public:
     // The key of a message: its identifier and its two addresses; an unset
     // address counts as an empty one.
     MessageKey(const Message& message, HashFunction hasher);
+
+    // The empty address: any sender (or destination) in a table key.
+    static const std::vector<std::string>& noAddress() noexcept;
+    // A message's address as its key sees it: an unset address is empty.
+    static const std::vector<std::string>& addressOf(const ReflectedAddress& address) noexcept;
 
     unsigned long id() const noexcept { return id_; }
     const std::vector<std::string>& sender() const noexcept { return sender_; }
@@ -99,8 +105,6 @@ public:
     }
 
 private:
-    static const std::vector<std::string>& noAddress() noexcept;
-
     unsigned long id_;
     std::vector<std::string> sender_;
     std::vector<std::string> destination_;

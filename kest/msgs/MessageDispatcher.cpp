@@ -13,8 +13,6 @@ namespace Fwd = Communications::Forwarder;
 
 namespace {
 
-const std::vector<std::string> kNoAddress;
-
 unsigned long hashWithSender(const MessageKey& key) { return MessageKey::HasherWithSender()(key); }
 unsigned long hashWithDestination(const MessageKey& key) {
     return MessageKey::HasherWithDestination()(key);
@@ -58,7 +56,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
                                   const Identifier& id) {
     if (!queue) return false;
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, &hashWithSender);
+    MessageKey key(static_cast<unsigned long>(id), address, MessageKey::noAddress(), &hashWithSender);
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
     announce<Fwd::SubscriptionAddedNotification>(key, 0, queue);
@@ -68,7 +66,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
 bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                                     const Identifier& id) {
     Kest::detail::LockGuard lock(mutex);
-    const MessageKey key(static_cast<unsigned long>(id), address, kNoAddress, MessageKey::HashFunction());
+    const MessageKey key(static_cast<unsigned long>(id), address, MessageKey::noAddress(), MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
     if (entry->second.erase(queue) != 0) {
@@ -106,7 +104,7 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination, &hashWithDestination);
+    MessageKey key(static_cast<unsigned long>(id), MessageKey::noAddress(), destination, &hashWithDestination);
     auto entry = services.find(key);
     if (entry == services.end()) {
         RankedQueues& queues = services.emplace(key, RankedQueues()).first->second;
@@ -134,7 +132,7 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
 bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                                           const Identifier& id) {
     Kest::detail::LockGuard lock(mutex);
-    const MessageKey key(static_cast<unsigned long>(id), kNoAddress, destination,
+    const MessageKey key(static_cast<unsigned long>(id), MessageKey::noAddress(), destination,
                          MessageKey::HashFunction());
     auto entry = services.find(key);
     if (entry == services.end()) return true;

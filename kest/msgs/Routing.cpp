@@ -8,14 +8,6 @@ namespace Kest::Msgs {
 
 namespace detail {
 
-namespace {
-const std::vector<std::string> kNoAddress;
-}  // namespace
-
-const std::vector<std::string>& keyAddress(const ReflectedAddress& address) noexcept {
-    return address.initialized() ? address() : kNoAddress;
-}
-
 bool putOrWarn(const std::shared_ptr<const Message>& message, MessageQueueInterface* queue) {
     // An empty queue pointer (services accept one) cannot take anything: a refusal.
     if (queue != nullptr && queue->putMessage(message)) return true;

@@ -28,9 +28,6 @@ using ServedSet = std::unordered_set<std::shared_ptr<MessageQueueInterface>>;
 
 namespace detail {
 
-// A message's address as its routing key sees it: an unset address is empty.
-KEST_DISPATCHER_API const std::vector<std::string>& keyAddress(const ReflectedAddress& address) noexcept;
-
 // Calls visit(const T&) for each entry of `table` whose key covers the key of
 // `message` (on the side `group` names), until visit returns false. Small
 // tables (ScanLookupLimit entries or fewer) are scanned in table order;
@@ -40,8 +37,8 @@ template <class T, class Hasher, class Visit>
 void forEachCovering(const Message& message, const std::unordered_map<MessageKey, T, Hasher>& table,
                      MessageKey::HashingGroup group, Visit&& visit) {
     const unsigned long id = message.id();
-    const std::vector<std::string>& sender = keyAddress(message.sender);
-    const std::vector<std::string>& destination = keyAddress(message.destination);
+    const std::vector<std::string>& sender = MessageKey::addressOf(message.sender);
+    const std::vector<std::string>& destination = MessageKey::addressOf(message.destination);
     if (table.size() > ScanLookupLimit) {
         const std::vector<std::string>& side = group == MessageKey::HashingGroup::Sender ? sender : destination;
         MessageKey::visitCandidates(id, side, group, [&](const MessageKey& candidate) {

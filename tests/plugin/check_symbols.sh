@@ -35,8 +35,6 @@ DISPATCHER_OWNERS=(
     Kest::Msgs::Factory
     Kest::Msgs::handleMessageDirect
     Kest::Msgs::dispatchMessage
-    # Called by the findCovering template of kest/msgs/Routing.h in client code.
-    Kest::Msgs::detail::keyAddress
 )
 
 # Classes of the other two libraries' headers that have no out-of-line key
@@ -57,14 +55,13 @@ VAGUE_OWNERS=(
 )
 
 # `detail` helpers exported on purpose: the templates of
-# kest/model/Reflector.h and kest/msgs/Routing.h call them from client code,
+# kest/model/Reflector.h call them from client code,
 # and builds with KEST_SCHEDULE_PERTURBATION (tests only) export the schedule
 # points that the lock guard of kest/internal/Schedule.h calls in all three
 # libraries.
 DETAIL_ALLOWED=(
     Kest::MetaData::detail::reportArrayExpected
     Kest::MetaData::detail::reportArrayCorrupt
-    Kest::Msgs::detail::keyAddress
     Kest::detail::schedulePoint
     Kest::detail::setScheduleSeed
 )
