@@ -1,8 +1,9 @@
 #pragma once
 
 // Helpers shared by the workload files: fresh messages made ahead of the timed
-// region, the three-level addresses of the routing tables, a stream buffer that
-// swallows standard output, and percentiles of recorded samples.
+// region, message-sized blocks for the peers' fresh-message runs, the
+// three-level addresses of the routing tables, a stream buffer that swallows
+// standard output, and percentiles of recorded samples.
 
 #include <benchmark/benchmark.h>
 
@@ -53,6 +54,28 @@ inline std::string tableTopic(std::size_t i) {
 }
 
 inline MessagePtr makeSample() { return std::make_shared<Message>(kSampleId, sampleSender()); }
+
+// What the peers carry in the fresh-message workloads: an object exactly as
+// large as a Message, made with std::make_shared per send as a Message is. Its
+// first word is a tag the receiver checks; the rest is zeroed, as make_shared
+// value-initialises it.
+struct MessageSizedBlock {
+    static constexpr std::uint64_t kTag = 0x4b657374426c6b31;  // "KestBlk1"
+    std::uint64_t tag;
+    unsigned char rest[sizeof(Message) - sizeof(std::uint64_t)];
+};
+static_assert(sizeof(MessageSizedBlock) == sizeof(Message), "a block must weigh what a message weighs");
+using BlockPtr = std::shared_ptr<const MessageSizedBlock>;
+
+inline std::shared_ptr<MessageSizedBlock> makeBlock() {
+    auto block = std::make_shared<MessageSizedBlock>();
+    block->tag = MessageSizedBlock::kTag;
+    return block;
+}
+
+// Whether a receiver got what was sent.
+inline bool intact(const Message& message) { return message.id() == kSampleId; }
+inline bool intact(const MessageSizedBlock& block) { return block.tag == MessageSizedBlock::kTag; }
 
 // A run of fresh messages handed out one by one inside a timed loop. A
 // dispatcher refuses a message whose identity it has already handled, so every
