@@ -283,8 +283,8 @@ def per_subscriber_target(suite, label, limit, kest, floor):
 
 
 def paired_ratios(suite, numerator, denominator):
-    """Per-repetition ratios numerator ÷ denominator, repetitions paired by index (the same round of
-    an interleaved run). None if either run is missing or failed; [] if the JSON holds aggregates only."""
+    """Per-repetition ratios numerator ÷ denominator, repetition i with repetition i. None if either
+    run is missing or failed; [] if the JSON holds aggregates only."""
     a, b = suite.measured(numerator), suite.measured(denominator)
     if a is None or b is None:
         return None
@@ -401,8 +401,9 @@ def targets_section(targets):
         "its limit. A ratio of two single-threaded benchmarks divides their medians; W1's "
         "per-subscriber cost is the growth of a post's time from 1 to 100 subscribers divided by 99, "
         "for Kest and for the delivery floor alike, so that the fixed cost of a post stays out of it; "
-        "the W2 ratios are taken repetition by repetition (each pair from the same round of the "
-        "interleaved run) and given as their median, with the lowest and highest. A benchmark "
+        "the W2 ratios divide repetition i of one benchmark by repetition i of the other and are given "
+        "as the median of those ratios, with the lowest and highest (the run shuffles all repetitions, "
+        "so the spread shows how far the machine's noise moves a ratio). A benchmark "
         "missing from the run, or failed, leaves its target not measured. Why a target is missed is "
         "written by hand in the notes at the end.\n")
     rows = [[t.label, t.shown_value(), t.shown_limit(), f"**{t.verdict}**", t.source] for t in targets]
