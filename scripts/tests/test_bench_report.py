@@ -5,7 +5,6 @@ Run: python3 scripts/tests/test_bench_report.py (ctest runs it, label bench-repo
 """
 
 import copy
-import importlib.util
 import json
 import os
 import statistics
@@ -15,10 +14,11 @@ import tempfile
 import unittest
 from types import SimpleNamespace
 
-SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, "bench_report.py")
-_spec = importlib.util.spec_from_file_location("bench_report", SCRIPT)
-report = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(report)
+SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir)
+SCRIPT = os.path.join(SCRIPTS, "bench_report.py")
+sys.path.insert(0, SCRIPTS)
+sys.dont_write_bytecode = True  # leave no __pycache__ in the source tree
+import bench_report as report  # noqa: E402  (found through the path set just above)
 
 
 # ---- Hand-made runs ------------------------------------------------------------------------
@@ -122,14 +122,14 @@ def suite_json(overrides=None, drop=(), errors=None, wall=1.0, iterations=True, 
     runs.update(overrides or {})
     errors = errors or {}
     benchmarks = []
-    for name, spec in runs.items():
+    for name, given in runs.items():
         if any(name.startswith(prefix) for prefix in drop):
             continue
-        if isinstance(spec, tuple):
-            times, unit, *rest = spec
+        if isinstance(given, tuple):
+            times, unit, *rest = given
             counters = rest[0] if rest else None
         else:
-            times, unit, counters = spec, "ns", None
+            times, unit, counters = given, "ns", None
         benchmarks += entries(name, times, unit, wall=1.0 if name.endswith("real_time") else wall,
                               error=errors.get(name), counters=counters, iterations=iterations,
                               aggregates=aggregates)
