@@ -1,5 +1,6 @@
 # Install rules: headers, the three libraries with their SONAME links, the
-# CMake package KestMessaging and the pkg-config file kest-messaging.pc.
+# CMake package KestMessaging and the pkg-config modules kest-messaging and
+# kest-messaging-interfaces.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -28,7 +29,12 @@ install(FILES ${PROJECT_BINARY_DIR}/KestMessagingConfig.cmake
 # may be moved and `cmake --install --prefix` works after configuring.
 file(RELATIVE_PATH kest_pc_to_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" kest_pc_to_prefix "${kest_pc_to_prefix}")
-configure_file(${PROJECT_SOURCE_DIR}/cmake/kest-messaging.pc.in
-  ${PROJECT_BINARY_DIR}/kest-messaging.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/kest-messaging.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# Two modules: kest-messaging for a program that links the dispatcher, and
+# kest-messaging-interfaces (which the first requires) for a host that loads
+# the dispatcher as a plug-in and links only the interface libraries.
+foreach(module kest-messaging kest-messaging-interfaces)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${module}.pc.in
+    ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${module}.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
