@@ -1,43 +1,68 @@
 #!/usr/bin/env bash
-# Installs the current build into a temporary prefix and checks one side of
-# the installed tree; the prefix is removed afterwards.
+# Checks one documented way of installing or consuming the library, from a
+# clean install into a temporary prefix; everything is removed afterwards.
 #
-#   install_test.sh <case> <build dir> <consumer source dir> <c++ compiler> [<sanitizer>]
+#   install_test.sh <case> <build dir> <source dir> <c++ compiler> [<sanitizer>]
 #
+# Every case but install-preset installs <build dir> into the prefix first.
 # Cases:
 #   runpath              the three libraries, their SONAME links and a RUNPATH
 #                        of exactly $ORIGIN
-#   cmake-consumer       consumer/ configured with find_package(KestMessaging)
-#                        and built; `app` posts a message and checks it
-#                        arrives, `plugin_loader` dlopens the installed plug-in
-#                        and checks its dependencies came from beside it
-#   pkg-config-consumer  consumer/consumer.cpp built with
-#                        g++ $(pkg-config --cflags --libs kest-messaging)
-#                        and run
+#   cmake-consumer       tests/plugin/consumer/ configured with
+#                        find_package(KestMessaging) and built; it holds the
+#                        README's CMake lines for a client. `app` posts a
+#                        message and checks it arrives, `plugin_loader`
+#                        dlopens the installed plug-in and checks its
+#                        dependencies came from beside it; then the consumer
+#                        is installed and its installed `app` run
+#   pkg-config-consumer  consumer/app.cpp built and run with the README's
+#                        pkg-config commands, as written
+#   cxx20-consumer       consumer/cxx20.cpp, which needs C++20, built with
+#                        -std=c++20 and the pkg-config flags after it
+#   plugin-host          consumer/host.cpp built with each of the README's
+#                        link lines for a plug-in host (pkg-config, CMake); it
+#                        links the interface libraries only and loads the
+#                        installed plug-in by path and by name
+#   install-preset       the README's install commands, as written, in a copy
+#                        of <source dir>, with GoogleTest and Google Benchmark
+#                        hidden from find_package: they must not be looked
+#                        for, and only the libraries are built and installed
 # Every program runs without LD_LIBRARY_PATH.
+#
+# The README's commands are taken from the fenced block that follows a
+# marker "<!-- install-test <name>: ... -->" and run in a scratch directory,
+# with the temporary prefix in place of /opt/kest and `g++` standing for
+# <c++ compiler> with the sanitizer flags below.
 #
 # Sanitized builds (<sanitizer> = KEST_SANITIZE, "address" or "thread"): the
 # installed libraries then carry sanitizer instrumentation, whose run-time
 # must be part of the program that loads them. So the same -fsanitize flags
 # are passed to every program built here and the checks run as usual. Any
-# other sanitizer value, or a missing pkg-config for its case, ends the test
-# with exit code 77, which ctest reports as skipped.
+# other sanitizer value, or a missing pkg-config for a case that needs it,
+# ends the test with exit code 77, which ctest reports as skipped.
 
 set -euo pipefail
 
 if [ $# -lt 4 ]; then
-    echo "usage: $0 <case> <build dir> <consumer source dir> <c++ compiler> [<sanitizer>]" >&2
+    echo "usage: $0 <case> <build dir> <source dir> <c++ compiler> [<sanitizer>]" >&2
     exit 2
 fi
 case_name=$1
 build_dir=$2
-consumer_dir=$3
+source_dir=$3
 cxx=$4
 sanitizer=${5:-}
+consumer_dir=$source_dir/tests/plugin/consumer
+readme=$source_dir/README.md
 
 skip() {
     echo "SKIP: $*"
     exit 77
+}
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
 }
 
 case $sanitizer in
@@ -48,21 +73,19 @@ case $sanitizer in
 esac
 
 for tool in cmake readelf; do
-    command -v "$tool" >/dev/null || { echo "FAIL: $tool not found"; exit 1; }
+    command -v "$tool" >/dev/null || fail "$tool not found"
 done
-if [ "$case_name" = pkg-config-consumer ] && ! command -v pkg-config >/dev/null; then
-    skip "pkg-config is not installed"
-fi
+case $case_name in
+    pkg-config-consumer | cxx20-consumer | plugin-host)
+        command -v pkg-config >/dev/null || skip "pkg-config is not installed"
+        ;;
+esac
+[ -f "$readme" ] || fail "no README.md in $source_dir"
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kest-install-test.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
 prefix=$tmp/prefix
 libdir=$prefix/lib
-
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
 
 # Runs a command, showing its output only when it fails.
 quietly() {
@@ -73,11 +96,108 @@ quietly() {
     fi
 }
 
-quietly cmake --install "$build_dir" --prefix "$prefix"
-[ -d "$libdir" ] || fail "no $libdir after installing"
-
 run_without_library_path() {
     env -u LD_LIBRARY_PATH "$@"
+}
+
+# `g++` for the README's commands: the compiler under test, with the flags
+# of a sanitized build.
+tools=$tmp/tools
+mkdir -p "$tools"
+cat >"$tools/g++" <<EOF
+#!/bin/sh
+exec "$cxx" $sanitize_flags "\$@"
+EOF
+chmod +x "$tools/g++"
+
+# Prints the body of the README's fenced block that follows the marker
+# "<!-- install-test <name>: ... -->"; fails when there is none.
+readme_block() {
+    local block
+    block=$(awk -v marker="<!-- install-test $1:" '
+        index($0, marker) == 1 { found = 1; next }
+        found == 1 && /^```/ { found = 2; next }
+        found == 2 && /^```/ { exit }
+        found == 2 { print }' "$readme")
+    [ -n "$block" ] || fail "README.md has no block after a marker '<!-- install-test $1: ...'"
+    printf '%s\n' "$block"
+}
+
+# Runs the README's block <name> in <dir> as a shell script, traced, with the
+# prefix in place of /opt/kest, the `g++` above first on PATH and neither
+# LD_LIBRARY_PATH nor PKG_CONFIG_PATH inherited.
+run_readme_block() {
+    local name=$1 dir=$2 block
+    block=$(readme_block "$name")
+    printf '%s\n' "${block//\/opt\/kest/$prefix}" >"$tmp/$name.sh"
+    quietly in_directory "$dir" env -u LD_LIBRARY_PATH -u PKG_CONFIG_PATH PATH="$tools:$PATH" \
+        bash -e -x -o pipefail "$tmp/$name.sh"
+    echo "README block '$name' ran as written"
+}
+
+in_directory() {
+    local dir=$1
+    shift
+    (cd "$dir" && "$@")
+}
+
+# Fails unless every line of the README's block <name>, comments and blank
+# lines aside, appears as written in <file>.
+check_readme_lines_in() {
+    local name=$1 file=$2 block line have
+    block=$(readme_block "$name")
+    local -a wanted
+    mapfile -t wanted <<<"$block"
+    for line in "${wanted[@]}"; do
+        line=$(strip_cmake_line "$line")
+        [ -n "$line" ] || continue
+        while IFS= read -r have; do
+            [ "$(strip_cmake_line "$have")" = "$line" ] && continue 2
+        done <"$file"
+        fail "the README's line '$line' (block '$name') is not in $file"
+    done
+}
+
+strip_cmake_line() {
+    sed -e 's/#.*//' -e 's/^[[:space:]]*//' -e 's/[[:space:]]*$//' <<<"$1"
+}
+
+needed_of() {
+    readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p'
+}
+
+# A plug-in host links libKestMessages and libKestCore and not the plug-in.
+check_host_links_interfaces_only() {
+    local needed
+    needed=$(needed_of "$1")
+    grep -qx libKestMessages.so.0 <<<"$needed" || fail "$1 does not link libKestMessages.so.0"
+    grep -qx libKestCore.so.0 <<<"$needed" || fail "$1 does not link libKestCore.so.0"
+    if grep -qx libKestMessageDispatcher.so.0 <<<"$needed"; then
+        fail "$1 links the plug-in libKestMessageDispatcher.so.0"
+    fi
+}
+
+# Runs the host <program> on the installed plug-in, by path and by name.
+check_host_loads_plugin() {
+    run_without_library_path "$1" "$libdir/libKestMessageDispatcher.so.0" "$libdir" ||
+        fail "$1 failed to load the plug-in by its path"
+    run_without_library_path "$1" libKestMessageDispatcher.so.0 "$libdir" ||
+        fail "$1 failed to load the plug-in by name"
+}
+
+# A scratch directory holding the given files of consumer/.
+scratch_with() {
+    local dir=$tmp/$1
+    shift
+    mkdir -p "$dir"
+    local file
+    for file in "$@" LoadedFrom.h; do cp "$consumer_dir/$file" "$dir/"; done
+    echo "$dir"
+}
+
+install_build() {
+    quietly cmake --install "$build_dir" --prefix "$prefix"
+    [ -d "$libdir" ] || fail "no $libdir after installing"
 }
 
 check_runpath() {
@@ -99,14 +219,15 @@ check_runpath() {
         [ -z "$rpath" ] || fail "$file: has an RPATH '$rpath' besides its RUNPATH"
     done
     local needed
-    needed=$(readelf -d "$libdir/libKestMessageDispatcher.so.0" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p')
+    needed=$(needed_of "$libdir/libKestMessageDispatcher.so.0")
     grep -qx libKestMessages.so.0 <<<"$needed" || fail "the plug-in does not need libKestMessages.so.0"
     grep -qx libKestCore.so.0 <<<"$needed" || fail "the plug-in does not need libKestCore.so.0"
     echo "runpath: the three libraries are installed with SONAME links and RUNPATH \$ORIGIN"
 }
 
-check_cmake_consumer() {
-    local build=$tmp/consumer-build
+# Configures consumer/ against the prefix into <build dir>.
+configure_consumer() {
+    local build=$1
     quietly cmake -S "$consumer_dir" -B "$build" \
         -DCMAKE_PREFIX_PATH="$prefix" \
         -DCMAKE_CXX_COMPILER="$cxx" \
@@ -116,34 +237,138 @@ check_cmake_consumer() {
     found=$(sed -n 's/^KestMessaging_DIR:[A-Z]*=//p' "$build/CMakeCache.txt")
     [ "$(readlink -f "$found")" = "$(readlink -f "$libdir/cmake/KestMessaging")" ] ||
         fail "find_package found KestMessaging in '$found', not in the installed tree"
+}
+
+check_cmake_consumer() {
+    check_readme_lines_in cmake-app "$consumer_dir/CMakeLists.txt"
+    local build=$tmp/consumer-build
+    configure_consumer "$build"
     quietly cmake --build "$build" -j 2
 
     run_without_library_path "$build/app" "$libdir" || fail "app failed"
 
-    if readelf -d "$build/plugin_loader" | grep -q 'NEEDED.*libKest'; then
+    if needed_of "$build/plugin_loader" | grep -q '^libKest'; then
         fail "plugin_loader links a Kest library, so it proves nothing about \$ORIGIN"
     fi
     run_without_library_path "$build/plugin_loader" "$libdir/libKestMessageDispatcher.so.0" ||
         fail "plugin_loader failed"
+
+    # Installed, the consumer's programs still find the libraries.
+    local installed=$tmp/consumer-prefix
+    quietly cmake --install "$build" --prefix "$installed"
+    [ -x "$installed/bin/app" ] || fail "the consumer's app was not installed"
+    run_without_library_path "$installed/bin/app" "$libdir" || fail "the installed app failed"
 }
 
 check_pkg_config_consumer() {
+    local module pc_prefix
     export PKG_CONFIG_PATH=$libdir/pkgconfig
-    local pc_prefix
-    pc_prefix=$(pkg-config --variable=prefix kest-messaging) || fail "pkg-config does not find kest-messaging"
-    [ "$(readlink -f "$pc_prefix")" = "$(readlink -f "$prefix")" ] ||
-        fail "kest-messaging.pc names the prefix '$pc_prefix', not where it was installed ('$prefix')"
+    for module in kest-messaging kest-messaging-interfaces; do
+        pc_prefix=$(pkg-config --variable=prefix "$module") || fail "pkg-config does not find $module"
+        [ "$(readlink -f "$pc_prefix")" = "$(readlink -f "$prefix")" ] ||
+            fail "$module.pc names the prefix '$pc_prefix', not where it was installed ('$prefix')"
+    done
+    unset PKG_CONFIG_PATH
+
+    local work
+    work=$(scratch_with pkg-config-app app.cpp)
+    run_readme_block pkg-config-app "$work"
+    [ -x "$work/app" ] || fail "the README's pkg-config commands made no ./app"
+    run_without_library_path "$work/app" "$libdir" || fail "app built with pkg-config failed"
+}
+
+check_cxx20_consumer() {
+    export PKG_CONFIG_PATH=$libdir/pkgconfig
     local flags
     flags=$(pkg-config --cflags --libs kest-messaging)
+    if grep -Eq '(^| )-std=' <<<"$flags"; then
+        fail "the pkg-config flags choose a language standard: $flags"
+    fi
+    local work
+    work=$(scratch_with cxx20 cxx20.cpp)
     # shellcheck disable=SC2086 # the flags are words on purpose
-    quietly "$cxx" $sanitize_flags "$consumer_dir/consumer.cpp" -o "$tmp/app" $flags -Wl,-rpath,"$libdir"
-    run_without_library_path "$tmp/app" "$libdir" || fail "app built with pkg-config failed"
+    quietly "$tools/g++" -std=c++20 "$work/cxx20.cpp" -o "$work/cxx20" $flags -Wl,-rpath,"$libdir"
+    run_without_library_path "$work/cxx20" || fail "the C++20 program failed"
+}
+
+check_plugin_host() {
+    # Linked with pkg-config ...
+    local work
+    work=$(scratch_with pkg-config-host host.cpp)
+    run_readme_block pkg-config-host "$work"
+    [ -x "$work/host" ] || fail "the README's pkg-config host command made no ./host"
+    check_host_links_interfaces_only "$work/host"
+    check_host_loads_plugin "$work/host"
+    echo "host linked with pkg-config loads the plug-in by path and by name"
+
+    # ... and with CMake.
+    check_readme_lines_in cmake-host "$consumer_dir/CMakeLists.txt"
+    local build=$tmp/consumer-build
+    configure_consumer "$build"
+    quietly cmake --build "$build" -j 2 --target host
+    check_host_links_interfaces_only "$build/host"
+    check_host_loads_plugin "$build/host"
+    echo "host linked with CMake loads the plug-in by path and by name"
+}
+
+check_install_preset() {
+    local source=$tmp/source
+    mkdir -p "$source"
+    tar -C "$source_dir" --exclude=./build --exclude=./.git --exclude=./.cache -cf - . | tar -C "$source" -xf -
+
+    # `cmake` for the README's commands: a configure (`cmake --preset ...`)
+    # hides GoogleTest and Google Benchmark and records every command run.
+    local trace=$tmp/configure-trace.log real_cmake
+    real_cmake=$(command -v cmake)
+    cat >"$tools/cmake" <<EOF
+#!/bin/sh
+if [ "\$1" = --preset ]; then
+    exec "$real_cmake" "\$@" -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON -DCMAKE_DISABLE_FIND_PACKAGE_benchmark=ON \\
+        --trace-expand --trace-redirect="$trace"
+fi
+exec "$real_cmake" "\$@"
+EOF
+    chmod +x "$tools/cmake"
+
+    run_readme_block install "$source"
+
+    [ -s "$trace" ] || fail "the README's install commands do not configure with 'cmake --preset ...'"
+    grep -q 'kest_add_library(MessageDispatcher' "$trace" || fail "the configure trace does not show the project"
+    if grep -Eiq 'find_package\((GTest|GoogleTest|benchmark)[ )]' "$trace"; then
+        grep -Ei 'find_package\((GTest|GoogleTest|benchmark)[ )]' "$trace" | head -5
+        fail "configuring for install looks for GoogleTest or Google Benchmark"
+    fi
+
+    local build="" cache
+    for cache in "$source"/build/*/CMakeCache.txt; do
+        [ -f "$cache" ] && build=$(dirname "$cache")
+    done
+    [ -n "$build" ] || fail "the README's install commands left no build directory under build/"
+    grep -qx 'CMAKE_BUILD_TYPE:STRING=Release' "$build/CMakeCache.txt" || fail "the install build is not a Release build"
+    if grep -q -- '-Werror' "$build/compile_commands.json"; then
+        fail "the install build turns warnings into errors"
+    fi
+    # Built: the three libraries and no program.
+    local built
+    built=$(cd "$build" && find . -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print | sed 's|^\./||' | sort)
+    [ "$built" = "$(printf '%s\n' libKestCore.so.0.1.0 libKestMessageDispatcher.so.0.1.0 libKestMessages.so.0.1.0)" ] ||
+        fail "the install build made more or less than the three libraries: $(tr '\n' ' ' <<<"$built")"
+
+    local file
+    for file in lib/libKestCore.so.0 lib/libKestMessages.so.0 lib/libKestMessageDispatcher.so.0 \
+                include/kest/messaging.h lib/cmake/KestMessaging/KestMessagingConfig.cmake \
+                lib/pkgconfig/kest-messaging.pc lib/pkgconfig/kest-messaging-interfaces.pc; do
+        [ -e "$prefix/$file" ] || fail "$file was not installed"
+    done
+    echo "install preset: configured without GoogleTest, built the three libraries only, installed"
 }
 
 case $case_name in
-    runpath) check_runpath ;;
-    cmake-consumer) check_cmake_consumer ;;
-    pkg-config-consumer) check_pkg_config_consumer ;;
+    runpath | cmake-consumer | pkg-config-consumer | cxx20-consumer | plugin-host)
+        install_build
+        "check_${case_name//-/_}"
+        ;;
+    install-preset) check_install_preset ;;
     *)
         echo "unknown case '$case_name'" >&2
         exit 2
