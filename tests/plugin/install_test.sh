@@ -22,7 +22,7 @@
 #   plugin-host          consumer/host.cpp built with each of the README's
 #                        link lines for a plug-in host (pkg-config, CMake); it
 #                        links the interface libraries only and loads the
-#                        installed plug-in by path and by name
+#                        installed plug-in by path and, unsanitized, by name
 #   install-preset       the README's install commands, as written, in a copy
 #                        of <source dir>, with GoogleTest and Google Benchmark
 #                        hidden from find_package: they must not be looked
@@ -181,6 +181,12 @@ check_host_links_interfaces_only() {
 check_host_loads_plugin() {
     run_without_library_path "$1" "$libdir/libKestMessageDispatcher.so.0" "$libdir" ||
         fail "$1 failed to load the plug-in by its path"
+    if [ -n "$sanitizer" ]; then
+        # The sanitizer's run-time intercepts dlopen and so becomes its
+        # caller, whose RUNPATH (none) is searched instead of the host's.
+        echo "$1: loading by name not checked under the $sanitizer sanitizer (see the README)"
+        return
+    fi
     run_without_library_path "$1" libKestMessageDispatcher.so.0 "$libdir" ||
         fail "$1 failed to load the plug-in by name"
 }
