@@ -2,16 +2,18 @@
 
 // The metadata tree: a generic value that records copy themselves to and from.
 //
-// An Element is empty, an unsigned integer, a string, an Object (named members,
-// ordered by name) or an Array (a sequence of elements). Elements are values:
-// copying one copies the whole subtree. Nothing here is thread-safe; a tree is
-// owned by one thread at a time.
+// An Element is empty, an unsigned integer (unsigned long), a signed integer
+// (long), a floating-point number (double), a boolean, a string, an Object
+// (named members, ordered by name) or an Array (a sequence of elements).
+// Elements are values: copying one copies the whole subtree. Nothing here is
+// thread-safe; a tree is owned by one thread at a time.
 //
-// Errors (a member that is not there, a conversion to the wrong kind) throw
-// MetaDataException.
+// Errors (a member that is not there, a conversion to the wrong kind, a
+// number read as a type that cannot hold it exactly) throw MetaDataException.
 
 #include <kest/metadata/Api.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -34,14 +36,36 @@ class KEST_CORE_API Element {
 public:
     // Type codes returned by GetElementType().
     static constexpr std::uint16_t EmptyType = 0;
-    static constexpr std::uint16_t NumberType = 1;
+    static constexpr std::uint16_t NumberType = 1;  // an unsigned integer
     static constexpr std::uint16_t StringType = 2;
+    static constexpr std::uint16_t SignedType = 3;
     static constexpr std::uint16_t ObjectType = 4;
     static constexpr std::uint16_t ArrayType = 5;
+    static constexpr std::uint16_t FloatType = 6;
+    static constexpr std::uint16_t BooleanType = 7;
 
     Element() noexcept;
-    explicit Element(unsigned long number);
+
+    // Scalars. The kind follows the argument's type: an unsigned integer type
+    // makes an unsigned integer, a signed one a signed integer (so Element(5)
+    // holds the signed 5, and Element(-1) the signed -1), float and double a
+    // floating-point number, bool a boolean and text a string. Integer types
+    // narrower than int promote to int and so are signed. A char is refused
+    // at compile time (a character is not a number; pass a string), as is a
+    // null pointer; long long and long double do not compile either (the
+    // constructors for them would all be equally good).
+    explicit Element(unsigned long number) noexcept;
+    explicit Element(unsigned int number) noexcept : Element(static_cast<unsigned long>(number)) {}
+    explicit Element(long number) noexcept;
+    explicit Element(int number) noexcept : Element(static_cast<long>(number)) {}
+    explicit Element(double number) noexcept;
+    explicit Element(bool flag) noexcept;
     explicit Element(std::string text);
+    // Without this, a string literal would convert to bool before std::string.
+    explicit Element(const char* text) : Element(std::string(text)) {}
+    Element(char) = delete;
+    Element(std::nullptr_t) = delete;
+
     explicit Element(const Object& object);
     explicit Element(const Array& array);
     Element(const Element& other);
@@ -50,7 +74,8 @@ public:
     Element& operator=(Element&& other) noexcept;
     ~Element();
 
-    // 0 empty, 1 unsigned integer, 2 string, 4 object, 5 array.
+    // 0 empty, 1 unsigned integer, 2 string, 3 signed integer, 4 object,
+    // 5 array, 6 floating point, 7 boolean.
     std::uint16_t GetElementType() const noexcept;
 
     // Member access. The non-const form turns an empty element into an object
@@ -73,8 +98,16 @@ private:
 
     void clear() noexcept;
 
+    // The scalar kinds share storage; type_ says which member is live.
+    union Scalar {
+        unsigned long unsignedNumber;
+        long signedNumber;
+        double floatNumber;
+        bool boolean;
+    };
+
     std::uint16_t type_;
-    unsigned long number_;
+    Scalar scalar_;
     std::string text_;
     std::unique_ptr<Object> object_;
     std::unique_ptr<Array> array_;
@@ -126,22 +159,86 @@ private:
 // for an element of any other kind.
 KEST_CORE_API bool HasElement(const Element& element, const std::string& name);
 
-// Reads `element` into `value`; throws MetaDataException when the element is
-// not of T's kind. Provided for unsigned long and std::string.
+namespace detail {
 template <class T>
-void GetAs(const Element& element, T& value);
+inline constexpr bool unsupportedValueType = false;
+}  // namespace detail
 
-// Makes `element` hold `value`, whatever it held before. Provided for
-// unsigned long and std::string.
+// GetAs<T>(element, value) reads `element` into `value`. Provided for
+// unsigned long, unsigned int, long, int, double, float, bool and std::string.
+//
+// A number reads as any numeric T that holds its value exactly, whatever kind
+// of number the element is:
+//  - an integer reads as an integer type when it is in that type's range: an
+//    unsigned 5 reads as a long 5 and a signed 5 as an unsigned long 5, but
+//    -1 never reads as unsigned and an unsigned above LONG_MAX never as long;
+//    int and unsigned int take only values in their range;
+//  - an integer reads as double (or float) only when that type represents it
+//    exactly: 2^53 does, 2^53 + 1 does not;
+//  - a floating-point number reads as an integer type only when it is a whole
+//    number in range (-0.0 reads as 0; NaN and infinities never do);
+//  - a floating-point number reads as double always, and as float only when
+//    float holds it exactly; NaN reads as NaN and infinities as infinities.
+// A boolean is not a number: bool reads only from a boolean, and no number
+// type reads from a boolean. A string reads only as std::string.
+//
+// Throws MetaDataException, leaving `value` unchanged, when the element is of
+// another kind or its number does not fit T exactly. Any other T does not
+// compile.
 template <class T>
-void SetAs(const T& value, Element& element);
+void GetAs(const Element& element, T& value) {
+    static_assert(detail::unsupportedValueType<T>,
+                  "Kest::MetaData::GetAs<T>: T must be unsigned long, unsigned int, long, int, "
+                  "double, float, bool or std::string");
+    (void)element;
+    (void)value;
+}
+
+// SetAs<T>(value, element) makes `element` hold `value`, whatever it held
+// before: unsigned long and unsigned int as an unsigned integer, long and int
+// as a signed integer, double and float as a floating-point number (a float
+// widens exactly), bool as a boolean, std::string as a string. Any other T
+// does not compile. Throws only std::bad_alloc (for a string).
+template <class T>
+void SetAs(const T& value, Element& element) {
+    static_assert(detail::unsupportedValueType<T>,
+                  "Kest::MetaData::SetAs<T>: T must be unsigned long, unsigned int, long, int, "
+                  "double, float, bool or std::string");
+    (void)value;
+    (void)element;
+}
 
 template <>
 KEST_CORE_API void GetAs<unsigned long>(const Element& element, unsigned long& value);
 template <>
+KEST_CORE_API void GetAs<unsigned int>(const Element& element, unsigned int& value);
+template <>
+KEST_CORE_API void GetAs<long>(const Element& element, long& value);
+template <>
+KEST_CORE_API void GetAs<int>(const Element& element, int& value);
+template <>
+KEST_CORE_API void GetAs<double>(const Element& element, double& value);
+template <>
+KEST_CORE_API void GetAs<float>(const Element& element, float& value);
+template <>
+KEST_CORE_API void GetAs<bool>(const Element& element, bool& value);
+template <>
 KEST_CORE_API void GetAs<std::string>(const Element& element, std::string& value);
+
 template <>
 KEST_CORE_API void SetAs<unsigned long>(const unsigned long& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<unsigned int>(const unsigned int& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<long>(const long& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<int>(const int& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<double>(const double& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<float>(const float& value, Element& element);
+template <>
+KEST_CORE_API void SetAs<bool>(const bool& value, Element& element);
 template <>
 KEST_CORE_API void SetAs<std::string>(const std::string& value, Element& element);
 
