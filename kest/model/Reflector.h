@@ -7,17 +7,23 @@
 // IsRecord is true exactly when T is itself a record (a MirroredObject).
 // ReflectorArray<T> holds a std::vector<T>.
 //
-// Reading a field from a metadata tree (an object) never throws: a scalar or
-// record field whose element is missing or malformed is reset (default
-// value, uninitialised); an array field keeps its value and prints one
-// diagnostic line. An array field asked to read from a tree that is not an
-// object throws MetaDataException, which a record field holding it turns
-// into its reset state. Reading the
-// value of an unset scalar or record field with operator()() throws
-// MetaDataException.
+// Value types of Reflector and ReflectorNoWriteParend: unsigned long,
+// unsigned int, long, int, double, float, bool and std::string (written and
+// read with SetAs and GetAs, so a number reads into any numeric field that
+// holds it exactly; see Element.h), Kest::Msgs::Identifier and records. Value
+// types of ReflectorArray: the eight scalar types. Any other type stops the
+// build with one static_assert that names the supported ones.
 //
-// Supported value types: unsigned long, std::string, Kest::Msgs::Identifier
-// and records. Not thread-safe; see MirroredObject.
+// Reading a field from a metadata tree (an object) never throws: a scalar or
+// record field whose element is missing, of the wrong kind, or a number its
+// type cannot hold exactly (a -1 for an unsigned field, 0.5 for an int, a
+// boolean for a number) is reset (default value, uninitialised); an array
+// field keeps its value and prints one diagnostic line. An array field asked
+// to read from a tree that is not an object throws MetaDataException, which a
+// record field holding it turns into its reset state. Reading the value of an
+// unset scalar or record field with operator()() throws MetaDataException.
+//
+// Not thread-safe; see MirroredObject.
 
 #include <kest/metadata/Element.h>
 #include <kest/metadata/MirroredObject.h>
@@ -32,18 +38,41 @@ namespace Kest::MetaData {
 
 namespace detail {
 
-inline void writeValue(const unsigned long& value, Element& element) { SetAs(value, element); }
-inline void writeValue(const std::string& value, Element& element) { SetAs(value, element); }
+// Value types a field copies with SetAs and GetAs.
 template <class T>
-auto writeValue(const T& value, Element& element) -> decltype(value.copyToMetaData(element)) {
-    value.copyToMetaData(element);
+inline constexpr bool isScalarValue =
+    std::is_same_v<T, unsigned long> || std::is_same_v<T, unsigned int> ||
+    std::is_same_v<T, long> || std::is_same_v<T, int> || std::is_same_v<T, double> ||
+    std::is_same_v<T, float> || std::is_same_v<T, bool> || std::is_same_v<T, std::string>;
+
+// Value types that copy themselves to and from a tree: Identifier and records.
+template <class T, class = void>
+inline constexpr bool copiesItself = false;
+template <class T>
+inline constexpr bool copiesItself<
+    T, std::void_t<decltype(std::declval<const T&>().copyToMetaData(std::declval<Element&>())),
+                   decltype(std::declval<T&>().copyFromMetaData(std::declval<const Element&>()))>> =
+    true;
+
+template <class T>
+inline constexpr bool isFieldValue = isScalarValue<T> || copiesItself<T>;
+
+template <class T>
+void writeValue(const T& value, Element& element) {
+    if constexpr (copiesItself<T>) {
+        value.copyToMetaData(element);
+    } else {
+        SetAs<T>(value, element);
+    }
 }
 
-inline void readValue(const Element& element, unsigned long& value) { GetAs(element, value); }
-inline void readValue(const Element& element, std::string& value) { GetAs(element, value); }
 template <class T>
-auto readValue(const Element& element, T& value) -> decltype(value.copyFromMetaData(element)) {
-    value.copyFromMetaData(element);
+void readValue(const Element& element, T& value) {
+    if constexpr (copiesItself<T>) {
+        value.copyFromMetaData(element);
+    } else {
+        GetAs<T>(element, value);
+    }
 }
 
 // The two diagnostic lines of array fields, written to standard output.
@@ -55,6 +84,11 @@ KEST_MESSAGES_API void reportArrayCorrupt(const std::string& fieldName);
 // A field holding one T. With Serialized false the field stays out of tree copies.
 template <class T, bool Serialized>
 class KEST_MESSAGES_API ReflectorNoWriteParend : public ReflectorBase {
+    static_assert(detail::isFieldValue<T>,
+                  "Kest::MetaData::Reflector<T>: unsupported field type T; a field holds unsigned "
+                  "long, unsigned int, long, int, double, float, bool, std::string, "
+                  "Kest::Msgs::Identifier or a record (a MirroredObject)");
+
 public:
     ReflectorNoWriteParend(MirroredObject* parent, std::string name, bool required)
         : ReflectorBase(parent, std::move(name), required), value_() {}
@@ -100,7 +134,7 @@ public:
         }
     }
 
-    // Default value (0, Identifier(0), a default record), uninitialised.
+    // Default value (0, false, "", Identifier(0), a default record), uninitialised.
     void reset() {
         value_ = T();
         uninit();
@@ -139,6 +173,10 @@ public:
 // A field holding a std::vector<T>, written to the tree as an array.
 template <class T>
 class KEST_MESSAGES_API ReflectorArray : public ReflectorBase {
+    static_assert(detail::isScalarValue<T>,
+                  "Kest::MetaData::ReflectorArray<T>: unsupported element type T; an array field "
+                  "holds unsigned long, unsigned int, long, int, double, float, bool or std::string");
+
 public:
     // `option` is carried for the framework's serialisers and copied with the
     // field; it does not change how the field copies itself.
@@ -160,7 +198,7 @@ public:
         if (!initialized()) return;
         Array& array = tree[name()];
         array.resize(value_.size());
-        for (unsigned long i = 0; i < value_.size(); ++i) SetAs<T>(value_[i], array[i]);
+        for (unsigned long i = 0; i < value_.size(); ++i) detail::writeValue<T>(value_[i], array[i]);
     }
 
     // Reads the field from `tree`, which must be an object: on any other
@@ -196,8 +234,8 @@ public:
             std::vector<T> values;
             values.reserve(array.size());
             for (auto it = array.begin(); it != array.end(); ++it) {
-                T value;
-                GetAs<T>(*it, value);
+                T value{};
+                detail::readValue<T>(*it, value);
                 values.push_back(std::move(value));
             }
             assign(values);
