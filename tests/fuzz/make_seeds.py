@@ -8,13 +8,17 @@ ones the targets decode (metadata_fuzz.cpp: TreeDecoder; routing_fuzz.cpp:
 Run), so these helpers spell inputs in the targets' own terms.
 """
 
+import math
 import os
+import struct
 import sys
 
 # --- metadata trees ---------------------------------------------------------
 
 NAMES = {"Id": 0, "Sender": 1, "Destination": 2, "Identity": 3, "Data": 4, "Key": 5,
-         "Count": 6, "Rank": 7, "": 8, "Sender ": 9, "rank": 10}
+         "Count": 6, "Rank": 7, "": 8, "Sender ": 9, "rank": 10,
+         "Level": 12, "Offset": 13, "Samples": 14, "Value": 15, "Gain": 16, "Valid": 17}
+RAW_NAME = 11
 
 
 def empty():
@@ -22,9 +26,30 @@ def empty():
 
 
 def number(value):
+    """An unsigned integer."""
     if value < 0x80:
         return [1, value]
     return [1, 0x80] + list(value.to_bytes(8, "big"))
+
+
+def signed(value):
+    """A signed integer: -64 to 63 in one byte, anything else in eight."""
+    if -64 <= value < 64:
+        return [5, value + 64]
+    return [5, 0x80] + list(value.to_bytes(8, "big", signed=True))
+
+
+def real(value):
+    """A double: quarters from -16 to 15.75 in one byte, any other bit pattern in eight."""
+    quarters = value * 4
+    negative_zero = value == 0 and math.copysign(1.0, value) < 0
+    if math.isfinite(value) and quarters == int(quarters) and -64 <= quarters < 64 and not negative_zero:
+        return [6, int(quarters) + 64]
+    return [6, 0x80] + list(struct.pack(">d", value))
+
+
+def boolean(flag):
+    return [7, 1 if flag else 0]
 
 
 def string(text):
@@ -38,7 +63,7 @@ def name(text):
         return [NAMES[text]]
     data = text.encode("latin-1")
     assert len(data) <= 4
-    return [11, len(data)] + list(data)
+    return [RAW_NAME, len(data)] + list(data)
 
 
 def obj(*members):
@@ -74,6 +99,12 @@ FULL_DATA = obj(("Key", key_record(0x0F0D0009, ["a", "b"], [])), ("Count", numbe
                 ("Rank", number(2**64 - 1)))
 FULL_MESSAGE = obj(("Id", number(0x00010002)), ("Sender", strings("a", "b")),
                    ("Destination", strings("x")), ("Identity", string("id-1")), ("Data", FULL_DATA))
+
+
+NAN = float("nan")
+INF = float("inf")
+FLT_MAX = struct.unpack(">f", bytes.fromhex("7f7fffff"))[0]
+FLT_TRUE_MIN = struct.unpack(">f", bytes.fromhex("00000001"))[0]
 
 
 def deep(levels):
@@ -121,6 +152,47 @@ METADATA_SEEDS = {
     "big-numbers": metadata(False, obj(("Id", number(2**64 - 1)),
                                        ("Data", obj(("Count", number(2**63)), ("Rank", number(0)),
                                                     ("Key", obj(("Id", number(2**40)))))))),
+    # Fields of every scalar type (at most five members per object).
+    "typed-fields-fit": metadata(False, obj(("Level", signed(-5)), ("Offset", number(7)),
+                                            ("Samples", real(3.0)), ("Value", signed(-2**53)),
+                                            ("Gain", real(0.5))),
+                                 obj(("Valid", boolean(True)),
+                                     ("Level", arr(signed(-1), number(5), real(-2.0))),
+                                     ("Value", arr(real(NAN), real(-0.0), real(INF), real(-INF))),
+                                     ("Gain", arr(real(FLT_MAX), real(FLT_TRUE_MIN))),
+                                     ("Samples", arr(number(2**32 - 1), real(0.0))))),
+    "typed-fields-lossy": metadata(True, obj(("Level", number(2**63)), ("Offset", signed(2**31)),
+                                             ("Samples", signed(-1)), ("Value", number(2**53 + 1)),
+                                             ("Gain", real(0.1))),
+                                   obj(("Valid", number(1)), ("Offset", arr(signed(1), signed(2**31))),
+                                       ("Samples", arr(number(2**32))), ("Gain", arr(real(2**24 + 1))),
+                                       ("Level", arr(real(0.5))))),
+    "typed-edges": metadata(False, obj(("Level", signed(-2**63)), ("Offset", real(-2.0**31)),
+                                       ("Samples", real(2.0**32 - 1)), ("Value", number(2**64 - 1)),
+                                       ("Gain", real(2.0 * FLT_MAX))),
+                            obj(("Level", real(2.0**63)), ("Offset", real(2.0**31)),
+                                ("Samples", number(2**32)), ("Gain", real(-0.0)), ("Value", real(NAN)))),
+    "typed-tiny-and-huge": metadata(True, obj(("Value", real(1e300)), ("Gain", real(1e-50)),
+                                              ("Level", real(-INF)), ("Offset", real(FLT_TRUE_MIN)),
+                                              ("Valid", boolean(False))),
+                                    obj(("Value", arr(real(2.0**53), real(2.0**53 + 2), signed(2**53 + 1))),
+                                        ("Gain", arr(real(FLT_TRUE_MIN), real(1e-50))),
+                                        ("Valid", arr(boolean(True), number(0))))),
+    "typed-nan-and-infinities": metadata(False, obj(("Gain", real(NAN)), ("Value", real(INF)),
+                                                    ("Level", real(NAN)), ("Samples", real(INF)),
+                                                    ("Offset", real(-INF))),
+                                         obj(("Gain", arr(real(NAN), real(-INF), real(INF))),
+                                             ("Value", arr(real(-INF))), ("Level", arr(real(NAN))))),
+    "new-kinds-in-old-fields": metadata(False, obj(("Id", signed(5)), ("Count", real(3.0)), ("Rank", signed(-1)),
+                                                   ("Identity", boolean(True)),
+                                                   ("Data", obj(("Key", obj(("Id", real(2.0**40)))),
+                                                                ("Count", signed(2**62)),
+                                                                ("Rank", real(2.0**64))))),
+                                        obj(("Id", real(0.5)), ("Sender", arr(signed(1))),
+                                            ("Data", obj(("Count", boolean(False)), ("Rank", real(-0.0)),
+                                                         ("Key", obj(("Id", signed(-3)))))))),
+    "new-kinds-at-top": metadata(True, boolean(True), real(NAN)),
+    "new-kinds-in-top-array": metadata(False, arr(signed(-1), real(1.5), boolean(False)), signed(-2**40)),
 }
 
 # --- routing operations -----------------------------------------------------

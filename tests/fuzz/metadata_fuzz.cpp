@@ -1,21 +1,27 @@
 // Fuzz target: metadata trees read into the reflective records.
 //
-// The input is decoded into two trees (empty, number, string, object and
-// array elements; member names drawn from the real field names, near misses
-// and raw bytes; bounded depth and size). A Message, each of the four
-// notification kinds, a ServiceData and a MessageKeyData read the first
-// tree, then the second one over it, and every field is compared with what
-// an independent model of the reflector rules predicts:
+// The input is decoded into two trees (empty, unsigned, signed,
+// floating-point, boolean, string, object and array elements; member names
+// drawn from the real field names, near misses and raw bytes; bounded depth
+// and size). A Message, each of the four notification kinds, a ServiceData,
+// a MessageKeyData and two records of our own, one with a field of every
+// scalar type and one with an array field of every scalar type, read the
+// first tree, then the second one over it, and every field is compared with
+// what an independent model of the reflector rules predicts:
 //
-//  - a number or string field is initialised with the element's value when
-//    the tree has its name with the right kind, else it is 0 (or "") and
-//    uninitialised;
-//  - an address field with its name missing becomes empty and
-//    uninitialised; an element that is not an array prints "Should have
-//    gotten an Array" and leaves the field as it was; an array holding a
-//    non-string prints "Array corrupt for <name>" and leaves it as it was;
-//  - an address field asked to read from a tree that is not an object
-//    throws MetaDataException; the fields after it are not read;
+//  - a scalar field (number, identifier, boolean or string) is initialised
+//    with the element's value when the tree has its name with a value the
+//    field's type holds exactly: any kind of number for a numeric field
+//    (decided here in long double, which holds every value of all three
+//    number kinds), a boolean for bool, a string for std::string; else it is
+//    reset to T() and uninitialised;
+//  - an array field (addresses included) with its name missing becomes
+//    empty and uninitialised; an element that is not an array prints "Should
+//    have gotten an Array" and leaves the field as it was; an array with an
+//    entry that the scalar rule refuses prints "Array corrupt for <name>" and
+//    leaves it as it was;
+//  - an array field asked to read from a tree that is not an object throws
+//    MetaDataException; the fields after it are not read;
 //  - a record field whose name is present reads its own fields, in place,
 //    from that element and is initialised; a missing one, or one whose
 //    reading throws, is reset to the default record, assigned through the
@@ -39,10 +45,15 @@
 
 #include "FuzzSupport.h"
 
+#include <cfloat>
+#include <climits>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -81,9 +92,12 @@ const std::string kArrayCorruptLine = "Exception MetaDat::ReflectorArray MetaDat
 struct Member;
 
 struct Node {
-    enum class Kind { Empty, Number, String, Object, Array };
+    enum class Kind { Empty, Number, Signed, Float, Boolean, String, Object, Array };
     Kind kind = Kind::Empty;
-    unsigned long number = 0;
+    unsigned long number = 0;  // Number
+    long signedNumber = 0;     // Signed
+    double real = 0.0;         // Float
+    bool flag = false;         // Boolean
     std::string text;
     std::vector<Member> members;  // unique names, any order
     std::vector<Node> items;
@@ -124,6 +138,34 @@ Node numberNode(unsigned long value) {
     return n;
 }
 
+Node signedNode(long value) {
+    Node n;
+    n.kind = Node::Kind::Signed;
+    n.signedNumber = value;
+    return n;
+}
+
+Node floatNode(double value) {
+    Node n;
+    n.kind = Node::Kind::Float;
+    n.real = value;
+    return n;
+}
+
+Node booleanNode(bool value) {
+    Node n;
+    n.kind = Node::Kind::Boolean;
+    n.flag = value;
+    return n;
+}
+
+// NaN equals NaN, and -0.0 differs from 0.0: the same value as a reader sees it.
+template <class F>
+bool sameFloat(F a, F b) {
+    if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
+    return a == b && std::signbit(a) == std::signbit(b);
+}
+
 Node stringNode(std::string text) {
     Node n;
     n.kind = Node::Kind::String;
@@ -145,6 +187,12 @@ bool equalNodes(const Node& a, const Node& b) {
             return true;
         case Node::Kind::Number:
             return a.number == b.number;
+        case Node::Kind::Signed:
+            return a.signedNumber == b.signedNumber;
+        case Node::Kind::Float:
+            return sameFloat(a.real, b.real);
+        case Node::Kind::Boolean:
+            return a.flag == b.flag;
         case Node::Kind::String:
             return a.text == b.text;
         case Node::Kind::Object:
@@ -179,12 +227,24 @@ std::string quoted(const std::string& text) {
     return out + "\"";
 }
 
+std::string describeFloat(double value) {
+    char text[40];
+    std::snprintf(text, sizeof text, "%.17g", value);
+    return text;
+}
+
 std::string describe(const Node& n) {
     switch (n.kind) {
         case Node::Kind::Empty:
             return "empty";
         case Node::Kind::Number:
             return std::to_string(n.number);
+        case Node::Kind::Signed:
+            return "signed " + std::to_string(n.signedNumber);
+        case Node::Kind::Float:
+            return "double " + describeFloat(n.real);
+        case Node::Kind::Boolean:
+            return n.flag ? "true" : "false";
         case Node::Kind::String:
             return quoted(n.text);
         case Node::Kind::Object: {
@@ -212,6 +272,8 @@ std::string describe(const Node& n) {
 
 const char* const kFieldNames[] = {"Id", "Sender", "Destination", "Identity",
                                    "Data", "Key", "Count", "Rank"};
+// The fields of the two records of every scalar type (TypedScalars, TypedArrays).
+const char* const kTypedNames[] = {"Level", "Offset", "Samples", "Value", "Gain", "Valid"};
 
 class TreeDecoder {
 public:
@@ -220,9 +282,12 @@ public:
     Node tree() { return node(0); }
 
 private:
+    // Choices 0 to 11 keep the meaning they had before the typed names were
+    // added, so that older inputs still decode to the same trees.
     std::string name() {
-        unsigned choice = input_.pick(12);
+        unsigned choice = input_.pick(18);
         if (choice < 8) return kFieldNames[choice];
+        if (choice >= 12) return kTypedNames[choice - 12];
         switch (choice) {
             case 8:
                 return "";
@@ -235,11 +300,31 @@ private:
         }
     }
 
+    // Small values from one byte, any bit pattern from eight.
+    long signedValue() {
+        std::uint8_t b = input_.byte();
+        if ((b & 0x80) != 0) return static_cast<long>(input_.u64());
+        return static_cast<long>(b) - 64;
+    }
+
+    // Quarters from -16 to 15.75 from one byte (whole numbers, halves, 0.0);
+    // any double from eight bytes, NaN, infinities, -0.0 and subnormals included.
+    double floatValue() {
+        std::uint8_t b = input_.byte();
+        if ((b & 0x80) == 0) return (static_cast<double>(b) - 64.0) / 4.0;
+        const std::uint64_t bits = input_.u64();
+        double value = 0.0;
+        std::memcpy(&value, &bits, sizeof value);
+        return value;
+    }
+
+    // Kinds 0 to 4 keep their meaning from before the signed, floating-point
+    // and boolean kinds (5 to 7), so that older seeds decode as they did.
     Node node(int depth) {
         Node n;
         if (budget_ <= 0) return n;
         --budget_;
-        switch (input_.pick(5)) {
+        switch (input_.pick(8)) {
             case 0:
                 break;
             case 1: {
@@ -258,12 +343,21 @@ private:
                     n.set(key, node(depth + 1));
                 }
                 break;
-            default:
+            case 4:
                 if (depth >= kMaxDepth) break;
                 n.kind = Node::Kind::Array;
                 for (unsigned count = input_.pick(6); count > 0; --count) {
                     n.items.push_back(node(depth + 1));
                 }
+                break;
+            case 5:
+                n = signedNode(signedValue());
+                break;
+            case 6:
+                n = floatNode(floatValue());
+                break;
+            default:
+                n = booleanNode((input_.byte() & 1) != 0);
                 break;
         }
         return n;
@@ -280,6 +374,12 @@ Element toElement(const Node& n) {
             return Element();
         case Node::Kind::Number:
             return Element(n.number);
+        case Node::Kind::Signed:
+            return Element(n.signedNumber);
+        case Node::Kind::Float:
+            return Element(n.real);
+        case Node::Kind::Boolean:
+            return Element(n.flag);
         case Node::Kind::String:
             return Element(n.text);
         case Node::Kind::Object: {
@@ -306,6 +406,21 @@ Node fromElement(const Element& e) {
             unsigned long value = 0;
             Kest::MetaData::GetAs(e, value);
             return numberNode(value);
+        }
+        case Element::SignedType: {
+            long value = 0;
+            Kest::MetaData::GetAs(e, value);
+            return signedNode(value);
+        }
+        case Element::FloatType: {
+            double value = 0.0;
+            Kest::MetaData::GetAs(e, value);
+            return floatNode(value);
+        }
+        case Element::BooleanType: {
+            bool value = false;
+            Kest::MetaData::GetAs(e, value);
+            return booleanNode(value);
         }
         case Element::StringType: {
             std::string text;
@@ -340,8 +455,23 @@ struct State {
 };
 
 template <class T>
+bool sameValue(const T& a, const T& b) {
+    return a == b;
+}
+bool sameValue(double a, double b) { return sameFloat(a, b); }
+bool sameValue(float a, float b) { return sameFloat(a, b); }
+template <class T>
+bool sameValue(const std::vector<T>& a, const std::vector<T>& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (!sameValue(a[i], b[i])) return false;
+    }
+    return true;
+}
+
+template <class T>
 bool operator==(const State<T>& a, const State<T>& b) {
-    return a.init == b.init && a.value == b.value;
+    return a.init == b.init && sameValue(a.value, b.value);
 }
 
 using Number = State<unsigned long>;
@@ -412,6 +542,113 @@ std::string describe(const MessageState& m) {
     if (m.hasData) out += ", Data " + std::string(m.data.init ? "" : "unset ") + describe(m.data.value);
     return out + "}";
 }
+
+// The two records of every scalar type (one field each, or one array field
+// each) share their field names, so that each element is read both ways.
+// Of<T> is the value a field holds: T itself, or a vector of T.
+template <class T>
+using One = T;
+template <class T>
+using Many = std::vector<T>;
+
+template <template <class> class Of>
+struct TypedState {
+    State<Of<long>> level;
+    State<Of<int>> offset;
+    State<Of<unsigned int>> samples;
+    State<Of<double>> value;
+    State<Of<float>> gain;
+    State<Of<bool>> valid;
+
+    // Applies `f(field, name)` to every field in declaration order, as long
+    // as it returns true; returns whether all did.
+    template <class F>
+    bool all(F&& f) {
+        return each(*this, f);
+    }
+    template <class F>
+    bool all(F&& f) const {
+        return each(*this, f);
+    }
+
+private:
+    template <class Self, class F>
+    static bool each(Self& self, F& f) {
+        return f(self.level, "Level") && f(self.offset, "Offset") && f(self.samples, "Samples") &&
+               f(self.value, "Value") && f(self.gain, "Gain") && f(self.valid, "Valid");
+    }
+};
+
+template <template <class> class Of>
+bool operator==(const TypedState<Of>& a, const TypedState<Of>& b) {
+    return a.level == b.level && a.offset == b.offset && a.samples == b.samples &&
+           a.value == b.value && a.gain == b.gain && a.valid == b.valid;
+}
+
+std::string describeValue(long v) { return std::to_string(v); }
+std::string describeValue(int v) { return std::to_string(v); }
+std::string describeValue(unsigned int v) { return std::to_string(v); }
+std::string describeValue(double v) { return describeFloat(v); }
+std::string describeValue(float v) { return describeFloat(static_cast<double>(v)) + "f"; }
+std::string describeValue(bool v) { return v ? "true" : "false"; }
+
+template <class T>
+std::string describe(const State<T>& s) {
+    return (s.init ? "" : "unset ") + describeValue(s.value);
+}
+
+template <class T>
+std::string describe(const State<std::vector<T>>& s) {
+    std::string out = s.init ? "[" : "unset [";
+    for (std::size_t i = 0; i < s.value.size(); ++i) {
+        out += (i ? ", " : "") + describeValue(static_cast<T>(s.value[i]));
+    }
+    return out + "]";
+}
+
+template <template <class> class Of>
+std::string describe(const TypedState<Of>& r) {
+    std::string out = "{";
+    r.all([&](const auto& field, const char* name) {
+        out += (out.size() > 1 ? ", " : "") + std::string(name) + " " + describe(field);
+        return true;
+    });
+    return out + "}";
+}
+
+// ---------------------------------------------------------------------------
+// Two records of our own with fields of every scalar type.
+
+template <class T>
+using ScalarField = Field<T, false>;
+template <class T>
+using ArrayField = Kest::MetaData::ReflectorArray<T>;
+
+template <template <class> class FieldOf>
+class TypedRecord : public Kest::MetaData::MirroredObject {
+public:
+    TypedRecord() = default;
+    TypedRecord(const TypedRecord& other)
+        : MirroredObject(other),
+          level(this, other.level),
+          offset(this, other.offset),
+          samples(this, other.samples),
+          value(this, other.value),
+          gain(this, other.gain),
+          valid(this, other.valid) {}
+
+    FieldOf<long> level{this, "Level", false};
+    FieldOf<int> offset{this, "Offset", false};
+    FieldOf<unsigned int> samples{this, "Samples", false};
+    FieldOf<double> value{this, "Value", true};
+    FieldOf<float> gain{this, "Gain", false};
+    FieldOf<bool> valid{this, "Valid", false};
+};
+
+using TypedScalars = TypedRecord<ScalarField>;
+using TypedArrays = TypedRecord<ArrayField>;
+using ScalarsState = TypedState<One>;
+using ArraysState = TypedState<Many>;
 
 // ---------------------------------------------------------------------------
 // Reading the actual records' states. Values of unset scalar and record
@@ -498,30 +735,126 @@ MessageState snapshot(const Message& m, const Field<ServiceData, true>* data) {
     return s;
 }
 
+template <class T>
+State<T> fieldState(const ScalarField<T>& f) {
+    return {f.initialized(), ValueOf<T>::of(f)};
+}
+
+template <class T>
+State<std::vector<T>> fieldState(const ArrayField<T>& f) {
+    return {f.initialized(), f()};
+}
+
+template <template <class> class FieldOf, template <class> class Of>
+TypedState<Of> snapshotTyped(const TypedRecord<FieldOf>& r) {
+    checkFields(r, "TypedRecord",
+                {{&r.level, "Level"}, {&r.offset, "Offset"}, {&r.samples, "Samples"},
+                 {&r.value, "Value"}, {&r.gain, "Gain"}, {&r.valid, "Valid"}});
+    return {fieldState(r.level), fieldState(r.offset), fieldState(r.samples),
+            fieldState(r.value), fieldState(r.gain),   fieldState(r.valid)};
+}
+
 // ---------------------------------------------------------------------------
 // The model: what reading a tree does to each kind of field.
 
+// Which element values a field of each type reads (GetAs). Every value of
+// the three number kinds is exact in a long double of 64 mantissa bits or
+// more, so a number fits a type when it lies in the type's range there and
+// converting it to the type and back changes nothing.
+
+static_assert(std::numeric_limits<long double>::digits >= 64,
+              "the model needs a long double that holds every long and unsigned long exactly");
+
+bool numberOf(const Node& n, long double& out) {
+    switch (n.kind) {
+        case Node::Kind::Number:
+            out = static_cast<long double>(n.number);
+            return true;
+        case Node::Kind::Signed:
+            out = static_cast<long double>(n.signedNumber);
+            return true;
+        case Node::Kind::Float:
+            out = static_cast<long double>(n.real);
+            return true;
+        default:
+            return false;  // a boolean is not a number
+    }
+}
+
+template <class Int>
+bool modelInteger(const Node& n, Int& out) {
+    long double v = 0;
+    if (!numberOf(n, v) || !std::isfinite(v) || std::trunc(v) != v) return false;
+    if (v < static_cast<long double>(std::numeric_limits<Int>::min()) ||
+        v > static_cast<long double>(std::numeric_limits<Int>::max())) {
+        return false;
+    }
+    out = static_cast<Int>(v);
+    return true;
+}
+
+template <class F>
+bool modelFloating(const Node& n, F& out) {
+    long double v = 0;
+    if (!numberOf(n, v)) return false;
+    if (std::isnan(v)) {
+        out = std::numeric_limits<F>::quiet_NaN();
+        return true;
+    }
+    if (std::isinf(v)) {
+        out = v > 0 ? std::numeric_limits<F>::infinity() : -std::numeric_limits<F>::infinity();
+        return true;
+    }
+    if (std::fabs(v) > static_cast<long double>(std::numeric_limits<F>::max())) return false;
+    const F converted = static_cast<F>(v);
+    if (static_cast<long double>(converted) != v) return false;
+    out = converted;
+    return true;
+}
+
+bool modelGet(const Node& n, unsigned long& out) { return modelInteger(n, out); }
+bool modelGet(const Node& n, unsigned int& out) { return modelInteger(n, out); }
+bool modelGet(const Node& n, long& out) { return modelInteger(n, out); }
+bool modelGet(const Node& n, int& out) { return modelInteger(n, out); }
+bool modelGet(const Node& n, double& out) { return modelFloating(n, out); }
+bool modelGet(const Node& n, float& out) { return modelFloating(n, out); }
+
+bool modelGet(const Node& n, bool& out) {
+    if (n.kind != Node::Kind::Boolean) return false;
+    out = n.flag;
+    return true;
+}
+
+bool modelGet(const Node& n, std::string& out) {
+    if (n.kind != Node::Kind::String) return false;
+    out = n.text;
+    return true;
+}
+
+// A scalar field (identifiers included: they read an unsigned long).
+template <class T>
+void readScalar(State<T>& field, const Node* tree, const std::string& name) {
+    const Node* e = tree != nullptr ? tree->member(name) : nullptr;
+    T value{};
+    if (e != nullptr && modelGet(*e, value)) {
+        field = {true, value};
+    } else {
+        field = {false, T()};
+    }
+}
+
 void readNumber(Number& field, const Node* tree, const std::string& name) {
-    const Node* e = tree != nullptr ? tree->member(name) : nullptr;
-    if (e != nullptr && e->kind == Node::Kind::Number) {
-        field = {true, e->number};
-    } else {
-        field = {false, 0};
-    }
+    readScalar(field, tree, name);
 }
 
-void readText(Text& field, const Node* tree, const std::string& name) {
-    const Node* e = tree != nullptr ? tree->member(name) : nullptr;
-    if (e != nullptr && e->kind == Node::Kind::String) {
-        field = {true, e->text};
-    } else {
-        field = {false, std::string()};
-    }
-}
+void readText(Text& field, const Node* tree, const std::string& name) { readScalar(field, tree, name); }
 
-// Returns false, leaving the field alone, when `tree` is not an object: an
-// address field cannot read from anything else and throws.
-bool readAddress(Address& field, const Node& tree, const std::string& name, std::string& lines) {
+// An array field, addresses included. Returns false, leaving the field
+// alone, when `tree` is not an object: an array field cannot read from
+// anything else and throws.
+template <class T>
+bool readArray(State<std::vector<T>>& field, const Node& tree, const std::string& name,
+               std::string& lines) {
     if (tree.kind != Node::Kind::Object) return false;
     const Node* e = tree.member(name);
     if (e == nullptr) {
@@ -532,16 +865,21 @@ bool readAddress(Address& field, const Node& tree, const std::string& name, std:
         lines += kArrayExpectedLine;
         return true;
     }
-    std::vector<std::string> values;
+    std::vector<T> values;
     for (const Node& item : e->items) {
-        if (item.kind != Node::Kind::String) {
+        T value{};
+        if (!modelGet(item, value)) {
             lines += kArrayCorruptLine + name + "\n";
             return true;
         }
-        values.push_back(item.text);
+        values.push_back(value);
     }
     field = {true, values};
     return true;
+}
+
+bool readAddress(Address& field, const Node& tree, const std::string& name, std::string& lines) {
+    return readArray(field, tree, name, lines);
 }
 
 // A default MessageKeyData assigned through the record copy: its unset
@@ -605,6 +943,25 @@ bool readMessage(MessageState& m, const Node& tree, std::string& lines) {
     return true;
 }
 
+// A scalar field never throws (on a tree that is not an object it is
+// reset); an array field does, and the fields after it are not read.
+template <class T>
+bool readTyped(State<T>& field, const Node& tree, const std::string& name, std::string&) {
+    readScalar(field, &tree, name);
+    return true;
+}
+
+template <class T>
+bool readTyped(State<std::vector<T>>& field, const Node& tree, const std::string& name,
+               std::string& lines) {
+    return readArray(field, tree, name, lines);
+}
+
+template <template <class> class Of>
+bool readTypedRecord(TypedState<Of>& r, const Node& tree, std::string& lines) {
+    return r.all([&](auto& field, const char* name) { return readTyped(field, tree, name, lines); });
+}
+
 // What copyToMetaData writes: each initialised field under its name; a tree
 // nothing was written to stays empty.
 Node writeKey(const KeyState& k) {
@@ -630,6 +987,38 @@ Node writeMessage(const MessageState& m) {
     if (m.destination.init) n.set("Destination", stringArrayNode(m.destination.value));
     if (m.identity.init) n.set("Identity", stringNode(m.identity.value));
     if (m.hasData && m.data.init) n.set("Data", writeData(m.data.value));
+    return n;
+}
+
+// Each type writes its own kind: long and int signed, unsigned int unsigned,
+// double and float (widened exactly) floating point, bool boolean.
+Node valueNode(long v) { return signedNode(v); }
+Node valueNode(int v) { return signedNode(v); }
+Node valueNode(unsigned int v) { return numberNode(v); }
+Node valueNode(double v) { return floatNode(v); }
+Node valueNode(float v) { return floatNode(static_cast<double>(v)); }
+Node valueNode(bool v) { return booleanNode(v); }
+
+template <class T>
+Node fieldNode(const T& value) {
+    return valueNode(value);
+}
+
+template <class T>
+Node fieldNode(const std::vector<T>& values) {
+    Node array;
+    array.kind = Node::Kind::Array;
+    for (const T& v : values) array.items.push_back(valueNode(v));
+    return array;
+}
+
+template <template <class> class Of>
+Node writeTyped(const TypedState<Of>& r) {
+    Node n;
+    r.all([&](const auto& field, const char* name) {
+        if (field.init) n.set(name, fieldNode(field.value));
+        return true;
+    });
     return n;
 }
 
@@ -673,6 +1062,20 @@ MessageState visible(MessageState m) {
         }
     }
     return m;
+}
+
+template <class T>
+State<T> visible(const State<T>& f) {
+    return f.init ? f : State<T>{false, T()};
+}
+
+template <template <class> class Of>
+TypedState<Of> visible(TypedState<Of> r) {
+    r.all([](auto& field, const char*) {
+        field = visible(field);
+        return true;
+    });
+    return r;
 }
 
 // ---------------------------------------------------------------------------
@@ -751,6 +1154,47 @@ struct NotificationSubject {
     }
     static bool read(Model& m, const Node& tree, std::string& lines) { return readMessage(m, tree, lines); }
     static Node write(const Model& m) { return writeMessage(m); }
+};
+
+template <template <class> class FieldOf, template <class> class Of>
+struct TypedSubject {
+    using Record = TypedRecord<FieldOf>;
+    using Model = TypedState<Of>;
+    static Model snap(const Record& r) { return snapshotTyped<FieldOf, Of>(r); }
+    static bool read(Model& m, const Node& tree, std::string& lines) { return readTypedRecord(m, tree, lines); }
+    static Node write(const Model& m) { return writeTyped(m); }
+};
+
+struct TypedScalarsSubject : TypedSubject<ScalarField, One> {
+    static constexpr const char* name = "TypedScalars";
+    static std::unique_ptr<Record> make(bool filled) {
+        auto r = std::make_unique<Record>();
+        if (filled) {
+            r->level.assign(LONG_MIN);
+            r->offset.assign(-7);
+            r->samples.assign(UINT_MAX);
+            r->value.assign(-3.25);
+            r->gain.assign(0.1F);
+            r->valid.assign(true);
+        }
+        return r;
+    }
+};
+
+struct TypedArraysSubject : TypedSubject<ArrayField, Many> {
+    static constexpr const char* name = "TypedArrays";
+    static std::unique_ptr<Record> make(bool filled) {
+        auto r = std::make_unique<Record>();
+        if (filled) {
+            r->level.assign({LONG_MAX, -1});
+            r->offset.assign(std::vector<int>{INT_MIN});
+            r->samples.assign({0U, 7U});
+            r->value.assign({std::numeric_limits<double>::quiet_NaN(), -0.0});
+            r->gain.assign({FLT_MAX, -FLT_MIN});
+            r->valid.assign({true, false});
+        }
+        return r;
+    }
 };
 
 // Reads `tree` into `record` and compares fields and printed lines with the
@@ -863,5 +1307,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                                  secondElement);
     exercise<NotificationSubject<SubscriptionRemovedNotification>>(filled, first, firstElement,
                                                                    second, secondElement);
+    exercise<TypedScalarsSubject>(filled, first, firstElement, second, secondElement);
+    exercise<TypedArraysSubject>(filled, first, firstElement, second, secondElement);
     return 0;
 }
