@@ -61,7 +61,8 @@ public:
     explicit Element(double number) noexcept;
     explicit Element(bool flag) noexcept;
     explicit Element(std::string text);
-    // Without this, a string literal would convert to bool before std::string.
+    // `text` must not be null. Without this constructor a string literal would
+    // convert to bool rather than to std::string.
     explicit Element(const char* text) : Element(std::string(text)) {}
     Element(char) = delete;
     Element(std::nullptr_t) = delete;

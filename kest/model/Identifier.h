@@ -29,8 +29,9 @@ public:
 
     // Writes the packed number into `tree` (SetAs<unsigned long>).
     void copyToMetaData(MetaData::Element& tree) const;
-    // Reads the packed number from `tree`; throws MetaDataException when `tree`
-    // does not hold a number, leaving the identifier unchanged.
+    // Reads the packed number from `tree` (GetAs<unsigned long>, so any number
+    // that is a whole value from 0 to ULONG_MAX); throws MetaDataException
+    // when `tree` holds anything else, leaving the identifier unchanged.
     void copyFromMetaData(const MetaData::Element& tree);
 
 private:

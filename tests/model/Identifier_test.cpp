@@ -91,4 +91,29 @@ TEST(Identifier, ReadingFromNonNumberThrowsAndKeepsValue) {
     EXPECT_EQ(static_cast<unsigned long>(id), static_cast<unsigned long>(Identifier(3, 4)));
 }
 
+TEST(Identifier, ReadsASignedOrFloatingPointNumberThatFitsUnsignedLong) {
+    Element tree;
+    SetAs<long>(0x00050006L, tree);
+    Identifier id;
+    id.copyFromMetaData(tree);
+    EXPECT_EQ(static_cast<unsigned long>(id), 0x00050006UL);
+    SetAs<double>(65536.0, tree);
+    id.copyFromMetaData(tree);
+    EXPECT_EQ(static_cast<unsigned long>(id), 65536UL);
+}
+
+TEST(Identifier, ReadingANumberThatDoesNotFitOrABooleanThrowsAndKeepsValue) {
+    Element negative;
+    SetAs<long>(-1, negative);
+    Element fraction;
+    SetAs<double>(1.5, fraction);
+    Element flag;
+    SetAs<bool>(true, flag);
+    for (const Element& tree : {negative, fraction, flag}) {
+        Identifier id(3, 4);
+        EXPECT_THROW(id.copyFromMetaData(tree), MetaDataException) << tree.GetElementType();
+        EXPECT_EQ(static_cast<unsigned long>(id), static_cast<unsigned long>(Identifier(3, 4)));
+    }
+}
+
 }  // namespace
