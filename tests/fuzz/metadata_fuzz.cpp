@@ -843,12 +843,6 @@ void readScalar(State<T>& field, const Node* tree, const std::string& name) {
     }
 }
 
-void readNumber(Number& field, const Node* tree, const std::string& name) {
-    readScalar(field, tree, name);
-}
-
-void readText(Text& field, const Node* tree, const std::string& name) { readScalar(field, tree, name); }
-
 // An array field, addresses included. Returns false, leaving the field
 // alone, when `tree` is not an object: an array field cannot read from
 // anything else and throws.
@@ -878,10 +872,6 @@ bool readArray(State<std::vector<T>>& field, const Node& tree, const std::string
     return true;
 }
 
-bool readAddress(Address& field, const Node& tree, const std::string& name, std::string& lines) {
-    return readArray(field, tree, name, lines);
-}
-
 // A default MessageKeyData assigned through the record copy: its unset
 // identifier comes out as 0, initialised exactly when the target's
 // identifier field is required; the addresses come over unset and empty.
@@ -902,9 +892,9 @@ DataState resetData(const DataState& current) {
 // read in declaration order and those after the throwing one stay as they were.
 
 bool readKeyRecord(KeyState& key, const Node& tree, std::string& lines) {
-    readNumber(key.id, &tree, "Id");
-    return readAddress(key.sender, tree, "Sender", lines) &&
-           readAddress(key.destination, tree, "Destination", lines);
+    readScalar(key.id, &tree, "Id");
+    return readArray(key.sender, tree, "Sender", lines) &&
+           readArray(key.destination, tree, "Destination", lines);
 }
 
 // A record field reads its record in place from the element of its name, and
@@ -920,8 +910,8 @@ void readKeyField(State<KeyState>& field, const Node& tree, std::string& lines) 
 
 bool readDataRecord(DataState& data, const Node& tree, std::string& lines) {
     readKeyField(data.key, tree, lines);
-    readNumber(data.count, &tree, "Count");
-    readNumber(data.rank, &tree, "Rank");
+    readScalar(data.count, &tree, "Count");
+    readScalar(data.rank, &tree, "Rank");
     return true;
 }
 
@@ -935,10 +925,10 @@ void readDataField(State<DataState>& field, const Node& tree, std::string& lines
 }
 
 bool readMessage(MessageState& m, const Node& tree, std::string& lines) {
-    readNumber(m.id, &tree, "Id");
-    if (!readAddress(m.sender, tree, "Sender", lines)) return false;
-    if (!readAddress(m.destination, tree, "Destination", lines)) return false;
-    readText(m.identity, &tree, "Identity");
+    readScalar(m.id, &tree, "Id");
+    if (!readArray(m.sender, tree, "Sender", lines)) return false;
+    if (!readArray(m.destination, tree, "Destination", lines)) return false;
+    readScalar(m.identity, &tree, "Identity");
     if (m.hasData) readDataField(m.data, tree, lines);
     return true;
 }
