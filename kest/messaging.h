@@ -15,6 +15,7 @@
 #include <kest/model/MessageKey.h>
 #include <kest/model/MessageKeyData.h>
 #include <kest/model/MessageQueueInterface.h>
+#include <kest/model/PayloadMessage.h>
 #include <kest/model/PayloadMessageHelper.h>
 #include <kest/model/Reflector.h>
 #include <kest/msgs/MessageDispatcher.h>
