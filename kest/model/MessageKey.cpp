@@ -26,6 +26,10 @@ bool isPrefix(const std::vector<std::string>& prefix, const std::vector<std::str
     return prefix.size() <= of.size() && std::equal(prefix.begin(), prefix.end(), of.begin());
 }
 
+// A message's address as its key sees it: an unset address is empty.
+const std::vector<std::string>& addressOf(const ReflectedAddress& address) noexcept {
+    return address.initialized() ? address.values() : kNoAddress;
+}
 
 }  // namespace
 
@@ -56,18 +60,7 @@ bool MessageKey::operator==(const MessageKey& other) const noexcept {
 }
 
 bool MessageKey::covers(const MessageKey& other) const noexcept {
-    return covers(other.id_, other.sender_, other.destination_);
-}
-
-bool MessageKey::covers(unsigned long id, const std::vector<std::string>& sender,
-                        const std::vector<std::string>& destination) const noexcept {
-    return id_ == id && isPrefix(sender_, sender) && isPrefix(destination_, destination);
-}
-
-const std::vector<std::string>& MessageKey::noAddress() noexcept { return kNoAddress; }
-
-const std::vector<std::string>& MessageKey::addressOf(const ReflectedAddress& address) noexcept {
-    return address.initialized() ? address() : kNoAddress;
+    return id_ == other.id_ && isPrefix(sender_, other.sender_) && isPrefix(destination_, other.destination_);
 }
 
 std::unordered_set<MessageKey, MessageKey::Hasher> MessageKey::hashMessagesList(

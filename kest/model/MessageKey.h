@@ -24,7 +24,6 @@
 namespace Kest::Msgs {
 
 class Message;
-class ReflectedAddress;
 
 class KEST_MESSAGES_API MessageKey {
 public:
@@ -56,11 +55,6 @@ public:
     // address counts as an empty one.
     MessageKey(const Message& message, HashFunction hasher);
 
-    // The empty address: any sender (or destination) in a table key.
-    static const std::vector<std::string>& noAddress() noexcept;
-    // A message's address as its key sees it: an unset address is empty.
-    static const std::vector<std::string>& addressOf(const ReflectedAddress& address) noexcept;
-
     unsigned long id() const noexcept { return id_; }
     const std::vector<std::string>& sender() const noexcept { return sender_; }
     const std::vector<std::string>& destination() const noexcept { return destination_; }
@@ -73,10 +67,6 @@ public:
 
     // True when this key, as a table entry, accepts a message whose key is `other`.
     bool covers(const MessageKey& other) const noexcept;
-    // The same test against a message key given by its parts, which spares
-    // building one.
-    bool covers(unsigned long id, const std::vector<std::string>& sender,
-                const std::vector<std::string>& destination) const noexcept;
 
     // Every table key that could cover `key` on the side `group` selects:
     // group Sender gives (identifier, each prefix of the sender, empty
@@ -95,8 +85,8 @@ public:
     static void visitCandidates(unsigned long id, const std::vector<std::string>& address,
                                 HashingGroup group, Visit&& visit) {
         const bool senderSide = group == HashingGroup::Sender;
-        MessageKey candidate(id, senderSide ? address : noAddress(), senderSide ? noAddress() : address,
-                             HashFunction());
+        const std::vector<std::string> none;  // the other side; an empty vector allocates nothing
+        MessageKey candidate(id, senderSide ? address : none, senderSide ? none : address, HashFunction());
         std::vector<std::string>& prefix = senderSide ? candidate.sender_ : candidate.destination_;
         for (;;) {
             if (!visit(static_cast<const MessageKey&>(candidate)) || prefix.empty()) break;

@@ -15,3 +15,9 @@ void reportArrayCorrupt(const std::string& fieldName) {
 }
 
 }  // namespace Kest::MetaData::detail
+
+namespace Kest::Msgs {
+
+std::vector<std::string> ReflectedAddress::operator()() const { return values(); }
+
+}  // namespace Kest::Msgs

@@ -246,6 +246,9 @@ public:
 
     // The values, empty when the field is not initialised.
     const std::vector<T>& operator()() const noexcept { return value_; }
+    // The same values by reference, under a name that derived fields keep
+    // when they give operator()() another form (see ReflectedAddress).
+    const std::vector<T>& values() const noexcept { return value_; }
     bool option() const noexcept { return option_; }
 
 protected:
@@ -269,6 +272,10 @@ public:
         return *this;
     }
     ~ReflectedAddress() override = default;
+
+    // A copy of the address, empty when the field is not initialised. Use
+    // values() to read it without a copy.
+    std::vector<std::string> operator()() const;
 };
 
 }  // namespace Kest::Msgs

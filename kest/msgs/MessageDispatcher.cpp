@@ -4,6 +4,7 @@
 #include <kest/msgs/MessageDispatcher.h>
 #include <kest/msgs/Routing.h>
 #include <kest/msgs/internal/Delivery.h>
+#include <kest/msgs/internal/Lookup.h>
 
 #include <limits>
 
@@ -56,7 +57,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
                                   const Identifier& id) {
     if (!queue) return false;
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), address, MessageKey::noAddress(), &hashWithSender);
+    MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), &hashWithSender);
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
     announce<Fwd::SubscriptionAddedNotification>(key, 0, queue);
@@ -66,7 +67,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
 bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                                     const Identifier& id) {
     Kest::detail::LockGuard lock(mutex);
-    const MessageKey key(static_cast<unsigned long>(id), address, MessageKey::noAddress(), MessageKey::HashFunction());
+    const MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
     if (entry->second.erase(queue) != 0) {
@@ -104,7 +105,7 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), MessageKey::noAddress(), destination, &hashWithDestination);
+    MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination, &hashWithDestination);
     auto entry = services.find(key);
     if (entry == services.end()) {
         RankedQueues& queues = services.emplace(key, RankedQueues()).first->second;
@@ -132,7 +133,7 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
 bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                                           const Identifier& id) {
     Kest::detail::LockGuard lock(mutex);
-    const MessageKey key(static_cast<unsigned long>(id), MessageKey::noAddress(), destination,
+    const MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination,
                          MessageKey::HashFunction());
     auto entry = services.find(key);
     if (entry == services.end()) return true;

@@ -26,51 +26,37 @@ inline constexpr std::size_t ScanLookupLimit = 12;
 // The queues that already hold the message of one post (or must never get it).
 using ServedSet = std::unordered_set<std::shared_ptr<MessageQueueInterface>>;
 
-namespace detail {
-
-// Calls visit(const T&) for each entry of `table` whose key covers the key of
-// `message` (on the side `group` names), until visit returns false. Small
-// tables (ScanLookupLimit entries or fewer) are scanned in table order;
-// larger ones are probed with the message's candidate keys. Both ways find
-// the same entries; neither builds the message's key.
-template <class T, class Hasher, class Visit>
-void forEachCovering(const Message& message, const std::unordered_map<MessageKey, T, Hasher>& table,
-                     MessageKey::HashingGroup group, Visit&& visit) {
-    const unsigned long id = message.id();
-    const std::vector<std::string>& sender = MessageKey::addressOf(message.sender);
-    const std::vector<std::string>& destination = MessageKey::addressOf(message.destination);
-    if (table.size() > ScanLookupLimit) {
-        const std::vector<std::string>& side = group == MessageKey::HashingGroup::Sender ? sender : destination;
-        MessageKey::visitCandidates(id, side, group, [&](const MessageKey& candidate) {
-            auto entry = table.find(candidate);
-            if (entry == table.end() || !entry->first.covers(id, sender, destination)) return true;
-            return visit(entry->second);
-        });
-    } else {
-        for (const auto& entry : table) {
-            if (entry.first.covers(id, sender, destination) && !visit(entry.second)) break;
-        }
-    }
-}
-
-}  // namespace detail
-
 // Pointers to the mapped values of the entries of `table` whose keys cover
 // the key of `*message` (on the side `group` names), valid while the table is
-// unchanged. With `firstOnly`, at most one. Small tables (ScanLookupLimit
-// entries or fewer) are scanned in table order; larger ones are probed with
-// the message's candidate keys (MessageKey::hashMessagesList). Both find the
-// same entries.
+// unchanged. With `firstOnly`, at most one: the first in the order below.
+//
+// Tables of ScanLookupLimit entries or fewer are scanned in table order. For
+// larger ones each candidate key of the message
+// (MessageKey::hashMessagesList) is looked up, in the iteration order of
+// the candidate set, and kept when its entry covers the message. Both find
+// the same entries. The dispatcher posts in exactly this order.
+// Throws std::bad_alloc when memory runs out.
 template <class T, class Hasher>
 std::vector<T*> findCovering(const std::shared_ptr<const Message>& message,
                              const std::unordered_map<MessageKey, T, Hasher>& table,
                              bool firstOnly, MessageKey::HashingGroup group) {
     std::vector<T*> found;
     found.reserve(20);
-    detail::forEachCovering(*message, table, group, [&](const T& value) {
-        found.push_back(const_cast<T*>(&value));
-        return !firstOnly;
-    });
+    const MessageKey messageKey(*message, MessageKey::HashFunction());
+    if (table.size() > ScanLookupLimit) {
+        for (const MessageKey& candidate : MessageKey::hashMessagesList(messageKey, group)) {
+            auto entry = table.find(candidate);
+            if (entry == table.end() || !entry->first.covers(messageKey)) continue;
+            found.push_back(const_cast<T*>(&entry->second));
+            if (firstOnly) break;
+        }
+    } else {
+        for (const auto& entry : table) {
+            if (!entry.first.covers(messageKey)) continue;
+            found.push_back(const_cast<T*>(&entry.second));
+            if (firstOnly) break;
+        }
+    }
     return found;
 }
 

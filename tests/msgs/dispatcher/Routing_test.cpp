@@ -160,6 +160,59 @@ TEST(FindCovering, EmptyAddressKeyCoversMessageWithoutAddresses) {
     }
 }
 
+namespace {
+
+// The values of the entries under every prefix of `address` (the value is the
+// prefix length), in a table padded past ScanLookupLimit with keys of another
+// identifier; `expected` gets the prefix lengths in the iteration order of
+// the message's candidate set.
+template <class Hasher>
+void checkCandidateSetOrder(const Address& address, Group group) {
+    SCOPED_TRACE("address of " + std::to_string(address.size()) + " parts");
+    std::unordered_map<MessageKey, int, Hasher> table;
+    for (std::size_t length = 0; length <= address.size(); ++length) {
+        const Address prefix(address.begin(), address.begin() + static_cast<std::ptrdiff_t>(length));
+        table.emplace(tableKey(Reading, prefix, group), static_cast<int>(length));
+    }
+    for (int i = 0; table.size() <= ScanLookupLimit; ++i) {
+        table.emplace(tableKey(Request, {Foreign, std::to_string(i)}, group), -1);
+    }
+    const auto message =
+        group == Group::Sender ? makeMessage(Reading, address) : makeMessage(Reading, {"from"}, address);
+    std::vector<int> expected;
+    for (const MessageKey& candidate : MessageKey::hashMessagesList(MessageKey(*message, {}), group)) {
+        const Address& side = group == Group::Sender ? candidate.sender() : candidate.destination();
+        expected.push_back(static_cast<int>(side.size()));
+    }
+
+    std::vector<int> found;
+    for (const int* value : findCovering(message, table, false, group)) found.push_back(*value);
+    EXPECT_EQ(found, expected);
+    const std::vector<int*> first = findCovering(message, table, true, group);
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_EQ(*first.front(), expected.front());
+}
+
+}  // namespace
+
+TEST(FindCovering, LargeTableReturnsEntriesInTheCandidateSetsOrder) {
+    const std::vector<Address> addresses{{"p0", "q5"}, {"c17", "press31"}, {"a", "b", "c"},
+                                         {"plant", "line2", "press", "die"}, {"u1", "v2", "w3", "x4", "y5"}};
+    for (const Address& address : addresses) {
+        checkCandidateSetOrder<MessageKey::HasherWithSender>(address, Group::Sender);
+        checkCandidateSetOrder<MessageKey::HasherWithDestination>(address, Group::Destination);
+    }
+}
+
+TEST(FindCovering, FirstOnlyReturnsTheFirstCoveringEntryOfTheCandidateSet) {
+    // Sender {"p0", "q5"}: its candidate set does not iterate from the longest
+    // prefix down, so the first covering entry is not the longest one.
+    const auto message = makeMessage(Reading, {"p0", "q5"});
+    const auto candidates = MessageKey::hashMessagesList(MessageKey(*message, {}), Group::Sender);
+    ASSERT_NE(candidates.begin()->sender().size(), 2u) << "the case no longer shows the difference";
+    checkCandidateSetOrder<MessageKey::HasherWithSender>({"p0", "q5"}, Group::Sender);
+}
+
 // ---- Dispatchers with 12 and 13 keys ----------------------------------------
 
 namespace {
