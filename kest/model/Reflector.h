@@ -14,14 +14,16 @@
 // types of ReflectorArray: the eight scalar types. Any other type stops the
 // build with one static_assert that names the supported ones.
 //
-// Reading a field from a metadata tree (an object) never throws: a scalar or
-// record field whose element is missing, of the wrong kind, or a number its
-// type cannot hold exactly (a -1 for an unsigned field, 0.5 for an int, a
-// boolean for a number) is reset (default value, uninitialised); an array
-// field keeps its value and prints one diagnostic line. An array field asked
-// to read from a tree that is not an object throws MetaDataException, which a
-// record field holding it turns into its reset state. Reading the value of an
-// unset scalar or record field with operator()() throws MetaDataException.
+// Reading a field from a metadata tree never throws, whatever the tree: a
+// scalar or record field whose element is missing, of the wrong kind, or a
+// number its type cannot hold exactly (a -1 for an unsigned field, 0.5 for an
+// int, a boolean for a number) is reset (default value, uninitialised); an
+// array field whose element is malformed keeps its value and prints one
+// diagnostic line. An empty tree reads as an empty object (every field is
+// missing); a tree that is neither an object nor empty holds no field: an
+// array field prints "Exception MetaDat::ReflectorArray MetaData Array
+// corrupt for <name>" and keeps its value. Reading the value of an unset
+// scalar or record field with operator()() throws MetaDataException.
 //
 // Not thread-safe; see MirroredObject.
 
@@ -201,13 +203,24 @@ public:
         for (unsigned long i = 0; i < value_.size(); ++i) detail::writeValue<T>(value_[i], array[i]);
     }
 
-    // Reads the field from `tree`, which must be an object: on any other
-    // kind this throws MetaDataException, so that a record field holding
-    // such a tree falls back to its reset state.
+    // Reads the field from `tree` through the virtual assign(const Element&).
+    // An empty tree reads as an empty object: the field is missing, so it is
+    // emptied and unset. A tree that is neither an object nor empty (a
+    // number, a string, an array) holds no field: prints "Exception
+    // MetaDat::ReflectorArray MetaData Array corrupt for " and the field's
+    // name, and keeps the value. Never throws.
     void copyFromMetaData(const Element& tree) override {
-        // The check stands for taking the tree as an Object, which would copy it.
-        static_cast<void>(static_cast<const Object&>(tree));
-        assign(tree);
+        switch (tree.GetElementType()) {
+            // An object is read in place: a copy of it would copy the whole tree.
+            case Element::ObjectType:
+            // An empty element answers every lookup as an empty object does.
+            case Element::EmptyType:
+                assign(tree);
+                return;
+            default:
+                detail::reportArrayCorrupt(name());
+                return;
+        }
     }
 
     virtual void assign(const std::vector<T>& value) {

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
@@ -264,3 +265,131 @@ TEST(Message, KeyOfMessageCountsUnsetAddressesAsEmpty) {
 }
 
 }  // namespace
+
+// ---- Reading trees of every kind ---------------------------------------------
+
+namespace {
+
+const std::string kCorruptPrefix = "Exception MetaDat::ReflectorArray MetaData Array corrupt for ";
+
+// A tree of each kind: empty, number, string, array (of strings) and object.
+Element treeOfKind(std::uint16_t kind) {
+    Element tree;
+    switch (kind) {
+        case Element::NumberType: Kest::MetaData::SetAs<unsigned long>(42, tree); break;
+        case Element::StringType: Kest::MetaData::SetAs<std::string>("Sender", tree); break;
+        case Element::ArrayType: {
+            Kest::MetaData::Array& array = tree;
+            array.resize(1);
+            Kest::MetaData::SetAs<std::string>("x", array[0]);
+            break;
+        }
+        case Element::ObjectType:
+            Kest::MetaData::SetAs<unsigned long>(static_cast<unsigned long>(Identifier(9, 9)), tree["Id"]);
+            static_cast<Kest::MetaData::Array&>(tree["Sender"]).resize(1);
+            Kest::MetaData::SetAs<std::string>("from-tree", static_cast<Kest::MetaData::Array&>(tree["Sender"])[0]);
+            Kest::MetaData::SetAs<std::string>("identity-from-tree", tree["Identity"]);
+            break;
+        default: break;
+    }
+    return tree;
+}
+
+const std::vector<std::uint16_t> kAllKinds{Element::EmptyType, Element::NumberType, Element::StringType,
+                                           Element::ArrayType, Element::ObjectType};
+
+}  // namespace
+
+TEST(Message, ReadingATreeOfEveryKindNeverThrowsAndFollowsTheFieldRules) {
+    for (std::uint16_t kind : kAllKinds) {
+        SCOPED_TRACE("tree of element type " + std::to_string(kind));
+        Message m(Identifier(1, 2), Address{"s"}, Address{"d"});
+        const Element tree = treeOfKind(kind);
+        KestTest::CaptureStdout capture;
+        EXPECT_NO_THROW(m.copyFromMetaData(tree));
+
+        if (kind == Element::ObjectType) {
+            // For reference: an object is read field by field.
+            EXPECT_EQ(capture.text(), "");
+            EXPECT_EQ(static_cast<unsigned long>(m.id()), static_cast<unsigned long>(Identifier(9, 9)));
+            EXPECT_TRUE(m.sender.initialized());
+            EXPECT_EQ(m.sender(), Address{"from-tree"});
+            EXPECT_FALSE(m.destination.initialized());
+            EXPECT_TRUE(m.destination().empty());
+            ASSERT_TRUE(m.identity.initialized());
+            EXPECT_EQ(m.identity(), "identity-from-tree");
+            continue;
+        }
+        // Scalar fields find no element and are reset, in every case.
+        EXPECT_EQ(static_cast<unsigned long>(m.id()), 0UL);
+        EXPECT_FALSE(m.identity.initialized());
+        if (kind == Element::EmptyType) {
+            // An empty tree is an empty object: both addresses are missing.
+            EXPECT_EQ(capture.text(), "");
+            EXPECT_FALSE(m.sender.initialized());
+            EXPECT_TRUE(m.sender().empty());
+            EXPECT_FALSE(m.destination.initialized());
+            EXPECT_TRUE(m.destination().empty());
+        } else {
+            // A number, string or array holds no field: each address says so and keeps its value.
+            EXPECT_EQ(capture.lines(),
+                      (std::vector<std::string>{kCorruptPrefix + "Sender", kCorruptPrefix + "Destination"}));
+            EXPECT_TRUE(m.sender.initialized());
+            EXPECT_EQ(m.sender(), Address{"s"});
+            EXPECT_TRUE(m.destination.initialized());
+            EXPECT_EQ(m.destination(), Address{"d"});
+        }
+    }
+}
+
+TEST(Message, NotificationReadingATreeOfEveryKindNeverThrowsAndFollowsTheFieldRules) {
+    for (std::uint16_t kind : kAllKinds) {
+        SCOPED_TRACE("tree of element type " + std::to_string(kind));
+        Forwarder::ServiceRankNotification n(
+            Forwarder::ServiceData(MessageKey(Identifier(7, 8), {}, {"svc", "a"}, {}), 1, 12), Address{"fwd"},
+            Address{});
+        Element tree = treeOfKind(kind);
+        if (kind == Element::ObjectType) {
+            // For reference: the payload read back from a tree written by another notification.
+            Forwarder::ServiceRankNotification other(
+                Forwarder::ServiceData(MessageKey(Identifier(3, 4), {}, {"x"}, {}), 1, 5));
+            Element written;
+            other.copyToMetaData(written);
+            tree["Data"] = written["Data"];
+        }
+        KestTest::CaptureStdout capture;
+        EXPECT_NO_THROW(n.copyFromMetaData(tree));
+
+        if (kind == Element::ObjectType) {
+            EXPECT_EQ(capture.text(), "");
+            EXPECT_EQ(static_cast<unsigned long>(n.id()), static_cast<unsigned long>(Identifier(9, 9)));
+            EXPECT_EQ(n.sender(), Address{"from-tree"});
+            EXPECT_FALSE(n.destination.initialized());
+            EXPECT_EQ(n.identity(), "identity-from-tree");
+            ASSERT_TRUE(n.data.initialized());
+            EXPECT_EQ(static_cast<unsigned long>(n.payload().key().id()), static_cast<unsigned long>(Identifier(3, 4)));
+            EXPECT_EQ(n.payload().key().destination(), Address{"x"});
+            EXPECT_EQ(n.payload().rank(), 5U);
+            continue;
+        }
+        // Scalar and record fields find no element and are reset, in every case.
+        EXPECT_EQ(static_cast<unsigned long>(n.id()), 0UL);
+        EXPECT_FALSE(n.identity.initialized());
+        EXPECT_FALSE(n.data.initialized());
+        EXPECT_THROW((void)n.payload(), MetaDataException);
+        if (kind == Element::EmptyType) {
+            EXPECT_EQ(capture.text(), "");
+            EXPECT_FALSE(n.sender.initialized());
+            EXPECT_TRUE(n.sender().empty());
+            EXPECT_FALSE(n.destination.initialized());
+            EXPECT_TRUE(n.destination().empty());
+        } else {
+            EXPECT_EQ(capture.lines(),
+                      (std::vector<std::string>{kCorruptPrefix + "Sender", kCorruptPrefix + "Destination"}));
+            EXPECT_TRUE(n.sender.initialized());
+            EXPECT_EQ(n.sender(), Address{"fwd"});
+            EXPECT_TRUE(n.destination.initialized());
+            EXPECT_TRUE(n.destination().empty());
+        }
+    }
+}

@@ -313,6 +313,66 @@ TEST(ReflectedAddress, ExceptionFromListAssignmentPrintsCorruptAndKeepsContents)
     EXPECT_TRUE(field().empty());
 }
 
+// Trees that are not objects: an empty one, a number, a string and an array.
+struct NonObjectTree {
+    const char* kind;
+    Element tree;
+};
+
+std::vector<NonObjectTree> nonObjectTrees() {
+    std::vector<NonObjectTree> trees(4);
+    trees[0].kind = "empty";
+    trees[1].kind = "number";
+    SetAs<unsigned long>(7, trees[1].tree);
+    trees[2].kind = "string";
+    SetAs<std::string>("Sender", trees[2].tree);
+    trees[3].kind = "array";
+    trees[3].tree = stringArray({"a", "b"});
+    return trees;
+}
+
+TEST(ReflectedAddress, EmptyTreeReadsAsEmptyObjectSoTheAddressBecomesEmptyAndUnset) {
+    Route r;
+    r.sender.assign(Address{"keep"});
+    CaptureStdout capture;
+    EXPECT_NO_THROW(r.sender.copyFromMetaData(Element()));
+    EXPECT_EQ(capture.text(), "");
+    EXPECT_FALSE(r.sender.initialized());
+    EXPECT_TRUE(r.sender().empty());
+}
+
+TEST(ReflectedAddress, NumberStringOrArrayTreePrintsCorruptWithFieldNameAndKeepsTheAddress) {
+    for (const NonObjectTree& t : nonObjectTrees()) {
+        if (t.tree.GetElementType() == Element::EmptyType) continue;
+        SCOPED_TRACE(t.kind);
+        Route r;
+        r.destination.assign(Address{"keep", "this"});
+        CaptureStdout capture;
+        EXPECT_NO_THROW(r.copyFromMetaData(t.tree));
+        EXPECT_EQ(capture.text(), kCorruptPrefix + "Sender\n" + kCorruptPrefix + "Destination\n");
+        EXPECT_FALSE(r.sender.initialized());
+        EXPECT_TRUE(r.sender().empty());
+        EXPECT_TRUE(r.destination.initialized());
+        EXPECT_EQ(r.destination(), (Address{"keep", "this"}));
+    }
+}
+
+TEST(ReflectedAddress, ReadingATreeOfEveryKindGoesThroughTheVirtualAssignmentOnlyForObjectsAndEmpty) {
+    std::vector<NonObjectTree> trees = nonObjectTrees();
+    trees.push_back({"object", Element()});
+    trees.back().tree["Path"] = stringArray({"p"});
+    for (const NonObjectTree& t : trees) {
+        SCOPED_TRACE(t.kind);
+        RecordingAddress field(nullptr, "Path", false);
+        CaptureStdout capture;
+        static_cast<Kest::MetaData::PartiallySerializableInterface&>(field).copyFromMetaData(t.tree);
+        const bool readable = t.tree.GetElementType() == Element::EmptyType ||
+                              t.tree.GetElementType() == Element::ObjectType;
+        EXPECT_EQ(field.treeAssignments, readable ? 1 : 0);
+        EXPECT_EQ(capture.text(), readable ? std::string() : kCorruptPrefix + "Path\n");
+    }
+}
+
 // Counts the flushes that reach standard output.
 class FlushCountingBuffer : public std::stringbuf {
 public:

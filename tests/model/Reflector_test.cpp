@@ -261,23 +261,44 @@ TEST(Reflector, RecordFieldWithMissingElementFallsBackToDefaultRecord) {
     EXPECT_TRUE(key.destination().empty());
 }
 
-TEST(Reflector, RecordFieldWithWrongKindElementFallsBackToReset) {
+TEST(Reflector, RecordFieldWithWrongKindElementReadsEachOfItsFieldsFromIt) {
     ServiceData data(Kest::Msgs::MessageKey(5, {"a"}, {"b"}, {}), 1, 2);
     Element tree;
     data.copyToMetaData(tree);
     SetAs<unsigned long>(17, tree["Key"]);
     CaptureStdout capture;
-    data.copyFromMetaData(tree);
-    EXPECT_EQ(capture.text(), "");
-    // A record whose element is not a record is read like a missing one.
-    ASSERT_FALSE(data.key.initialized());
-    data.key.init();
-    EXPECT_EQ(static_cast<unsigned long>(data.key().id()), 0UL);
-    EXPECT_FALSE(data.key().sender.initialized());
-    EXPECT_TRUE(data.key().sender().empty());
-    EXPECT_TRUE(data.key().destination().empty());
+    EXPECT_NO_THROW(data.copyFromMetaData(tree));
+    // Reading a record never throws, so the record field reads its fields
+    // from the number and stays set: the identifier finds no element and is
+    // reset, each address finds no field and keeps its value, with one line.
+    EXPECT_EQ(capture.lines(),
+              (std::vector<std::string>{
+                  "Exception MetaDat::ReflectorArray MetaData Array corrupt for Sender",
+                  "Exception MetaDat::ReflectorArray MetaData Array corrupt for Destination"}));
+    ASSERT_TRUE(data.key.initialized());
+    EXPECT_FALSE(data.key().id.initialized());
+    EXPECT_TRUE(data.key().sender.initialized());
+    EXPECT_EQ(data.key().sender(), std::vector<std::string>{"a"});
+    EXPECT_TRUE(data.key().destination.initialized());
+    EXPECT_EQ(data.key().destination(), std::vector<std::string>{"b"});
     EXPECT_EQ(data.count(), 1U);
     EXPECT_EQ(data.rank(), 2U);
+}
+
+TEST(Reflector, RecordFieldWithEmptyElementReadsItAsAnEmptyRecord) {
+    ServiceData data(Kest::Msgs::MessageKey(5, {"a"}, {"b"}, {}), 1, 2);
+    Element tree;
+    data.copyToMetaData(tree);
+    tree["Key"] = Element();
+    CaptureStdout capture;
+    EXPECT_NO_THROW(data.copyFromMetaData(tree));
+    EXPECT_EQ(capture.text(), "");
+    ASSERT_TRUE(data.key.initialized());
+    EXPECT_FALSE(data.key().id.initialized());
+    EXPECT_FALSE(data.key().sender.initialized());
+    EXPECT_TRUE(data.key().sender().empty());
+    EXPECT_FALSE(data.key().destination.initialized());
+    EXPECT_TRUE(data.key().destination().empty());
 }
 
 // copyFromMetaData hands the tree to the virtual assign(const Element&).
