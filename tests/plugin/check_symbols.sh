@@ -82,6 +82,14 @@ DISPATCHER_REQUIRED=(
     "Kest::Msgs::dispatchMessage("
 )
 
+# Symbols that must be there exactly so (a whole demangled name): the const
+# and the non-const lookup of the history are both part of its interface.
+S='std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >'
+DISPATCHER_REQUIRED_EXACT=(
+    "Kest::Msgs::MessagesHandled::isMessageHandled($S const&)"
+    "Kest::Msgs::MessagesHandled::isMessageHandled($S const&) const"
+)
+
 failures=0
 fail() {
     echo "FAIL: $*"
@@ -194,11 +202,11 @@ while read -r type name; do
     allowed=0
     for prefix in "${owner_prefixes[@]}"; do
         # The next character must end the source name: E (end), I (template
-        # arguments), B (ABI tag), C/D (constructor, destructor) or a digit
-        # (a member's name).
+        # arguments), B (ABI tag), C/D (constructor, destructor), a digit
+        # (a member's name) or a lower-case letter (an operator, aS for =).
         case ${nested#"$prefix"} in
             "$nested") ;;
-            [EIBCD0-9]*) allowed=1 ;;
+            [EIBCDa-z0-9]*) allowed=1 ;;
         esac
     done
     if [ $allowed = 0 ] && [ "$type" = V ]; then
@@ -223,6 +231,12 @@ fi
 demangled=$(exported "$dispatcher" | c++filt | cut -d' ' -f2-)
 for required in "${DISPATCHER_REQUIRED[@]}"; do
     if ! grep -qF -- "$required" <<<"$demangled"; then
+        fail "the dispatcher library does not export: $required"
+    fi
+done
+
+for required in "${DISPATCHER_REQUIRED_EXACT[@]}"; do
+    if ! grep -qxF -- "$required" <<<"$demangled"; then
         fail "the dispatcher library does not export: $required"
     fi
 done

@@ -1,56 +1,138 @@
 #include <kest/msgs/diagnostics/MessagesHandled.h>
 
 #include <functional>
+#include <utility>
 
 namespace Kest::Msgs {
 
-MessagesHandled::MessagesHandled() : historyLength_(DefaultHistoryLength) {}
+namespace {
 
-std::size_t MessagesHandled::find(const std::string& id, std::uint64_t hash) const {
-    if (index_.empty()) return index_.size();
+// The index holds every position of a full ring at most half full.
+std::size_t indexSizeFor(unsigned int historyLength) {
+    std::size_t size = 64;
+    while (size < 2 * static_cast<std::size_t>(historyLength)) size *= 2;
+    return size;
+}
+
+}  // namespace
+
+MessagesHandled::MessagesHandled() noexcept : historyLength_(DefaultHistoryLength) {}
+
+MessagesHandled::MessagesHandled(const MessagesHandled& other)
+    : oldest_(other.oldest_), historyLength_(other.historyLength_) {
+    if (other.index_.empty()) return;
+    // Reserved as the original is, so that the copy never grows either.
+    ring_.reserve(historyLength_);
+    ring_.assign(other.ring_.begin(), other.ring_.end());
+    hashes_.reserve(historyLength_);
+    hashes_.assign(other.hashes_.begin(), other.hashes_.end());
+    index_ = other.index_;
+}
+
+MessagesHandled& MessagesHandled::operator=(const MessagesHandled& other) {
+    if (this != &other) {
+        MessagesHandled copy(other);
+        swap(copy);
+    }
+    return *this;
+}
+
+MessagesHandled::MessagesHandled(MessagesHandled&& other) noexcept : historyLength_(other.historyLength_) {
+    swap(other);
+}
+
+MessagesHandled& MessagesHandled::operator=(MessagesHandled&& other) noexcept {
+    if (this != &other) {
+        // Our old history leaves with `taken`; `other` is left empty.
+        MessagesHandled taken(std::move(other));
+        swap(taken);
+    }
+    return *this;
+}
+
+MessagesHandled::~MessagesHandled() = default;
+
+void MessagesHandled::swap(MessagesHandled& other) noexcept {
+    ring_.swap(other.ring_);
+    hashes_.swap(other.hashes_);
+    std::swap(oldest_, other.oldest_);
+    index_.swap(other.index_);
+    std::swap(historyLength_, other.historyLength_);
+}
+
+bool MessagesHandled::contains(const std::string& id, std::uint64_t hash) const noexcept {
+    if (index_.empty()) return false;
     const std::size_t mask = index_.size() - 1;
     const auto tag = static_cast<std::uint32_t>(hash >> 32);
     for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
         const Slot& slot = index_[i];
-        if (slot.position == kFree) return index_.size();
-        if (slot.hashTag == tag && ring_[slot.position] == id) return i;
+        if (slot.position == kFree) return false;
+        if (slot.hashTag == tag && ring_[slot.position] == id) return true;
     }
 }
 
 bool MessagesHandled::isMessageHandled(const std::string& id) const {
-    return find(id, std::hash<std::string>()(id)) != index_.size();
+    return contains(id, std::hash<std::string>()(id));
+}
+
+bool MessagesHandled::isMessageHandled(const std::string& id) {
+    return static_cast<const MessagesHandled&>(*this).isMessageHandled(id);
+}
+
+void MessagesHandled::reserveStorage() {
+    // Built aside and swapped in, so that a failure leaves the history unused.
+    std::vector<std::string> ring;
+    ring.reserve(historyLength_);
+    std::vector<std::uint64_t> hashes;
+    hashes.reserve(historyLength_);
+    std::vector<Slot> index(indexSizeFor(historyLength_), Slot{kFree, 0});
+    ring_.swap(ring);
+    hashes_.swap(hashes);
+    index_.swap(index);
+    oldest_ = 0;
 }
 
 bool MessagesHandled::handleMessage(const std::string& id) {
     const std::uint64_t hash = std::hash<std::string>()(id);
-    if (find(id, hash) != index_.size()) return false;  // a repeat keeps its place
+    if (contains(id, hash)) return false;  // a repeat keeps its place
+    if (index_.empty()) reserveStorage();
 
-    std::uint32_t position;
+    // Everything that can throw happens before the first change.
     if (ring_.size() < historyLength_) {
-        position = static_cast<std::uint32_t>(ring_.size());
-        ring_.push_back(id);
+        std::string copy(id);
+        const auto position = static_cast<std::uint32_t>(ring_.size());
+        // Within the reserved capacity: neither push_back allocates.
+        ring_.push_back(std::move(copy));
         hashes_.push_back(hash);
-        if (ring_.size() * 2 > index_.size()) growIndex();
-    } else {
-        // Full: the newest takes the place of the oldest, which is forgotten.
-        position = static_cast<std::uint32_t>(oldest_);
-        eraseIndex(position);
-        ring_[position] = id;
-        hashes_[position] = hash;
-        oldest_ = (oldest_ + 1) % ring_.size();
+        insertIndex(position, hash);
+        return true;
     }
+
+    // Full: the newest takes the place of the oldest, which is forgotten.
+    const auto position = static_cast<std::uint32_t>(oldest_);
+    std::string& slot = ring_[position];
+    if (id.size() <= slot.capacity()) {
+        eraseIndex(position);
+        slot.assign(id.data(), id.size());  // fits the slot's buffer: no allocation
+    } else {
+        std::string copy(id);
+        eraseIndex(position);
+        slot.swap(copy);
+    }
+    hashes_[position] = hash;
     insertIndex(position, hash);
+    oldest_ = (oldest_ + 1) % ring_.size();
     return true;
 }
 
-void MessagesHandled::insertIndex(std::uint32_t position, std::uint64_t hash) {
+void MessagesHandled::insertIndex(std::uint32_t position, std::uint64_t hash) noexcept {
     const std::size_t mask = index_.size() - 1;
     std::size_t i = hash & mask;
     while (index_[i].position != kFree) i = (i + 1) & mask;
     index_[i] = Slot{position, static_cast<std::uint32_t>(hash >> 32)};
 }
 
-void MessagesHandled::eraseIndex(std::uint32_t position) {
+void MessagesHandled::eraseIndex(std::uint32_t position) noexcept {
     // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
     const std::size_t mask = index_.size() - 1;
     std::size_t hole = hashes_[position] & mask;
@@ -64,14 +146,6 @@ void MessagesHandled::eraseIndex(std::uint32_t position) {
         hole = next;
     }
     index_[hole] = Slot{kFree, 0};
-}
-
-void MessagesHandled::growIndex() {
-    std::vector<Slot> old(index_.empty() ? 64 : index_.size() * 2, Slot{kFree, 0});
-    old.swap(index_);
-    for (const Slot& slot : old) {
-        if (slot.position != kFree) insertIndex(slot.position, hashes_[slot.position]);
-    }
 }
 
 }  // namespace Kest::Msgs

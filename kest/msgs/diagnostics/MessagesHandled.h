@@ -5,6 +5,11 @@
 // say) is delivered once. Remembers the last 10000 distinct strings and
 // forgets them strictly in the order in which they were first accepted.
 //
+// Memory: nothing until the first handleMessage, which reserves the storage
+// of the whole history at once (about 650 KB); no container grows after
+// that, and a full history of identities of up to 15 characters allocates
+// nothing per message.
+//
 // Threads: no lock of its own; the owner serialises every call (a dispatcher
 // calls it only under its own mutex).
 
@@ -21,13 +26,27 @@ class KEST_DISPATCHER_API MessagesHandled {
 public:
     static constexpr unsigned int DefaultHistoryLength = 10000;
 
-    MessagesHandled();
+    // An empty history. Allocates nothing.
+    MessagesHandled() noexcept;
+    // A history that answers and evicts exactly as `other` does. Throws
+    // std::bad_alloc when memory runs out.
+    MessagesHandled(const MessagesHandled& other);
+    // Strong guarantee: on std::bad_alloc this history is unchanged.
+    MessagesHandled& operator=(const MessagesHandled& other);
+    // Take over `other`'s history; `other` is left empty and usable.
+    MessagesHandled(MessagesHandled&& other) noexcept;
+    MessagesHandled& operator=(MessagesHandled&& other) noexcept;
+    ~MessagesHandled();
 
     // True when `id` is remembered. No change.
     bool isMessageHandled(const std::string& id) const;
+    bool isMessageHandled(const std::string& id);
     // False for a remembered `id` (a repeat; its place in the history does not
     // change). Otherwise remembers it, forgets the oldest string when more
-    // than the history length are held, and returns true.
+    // than the history length are held, and returns true. Strong guarantee:
+    // when it throws std::bad_alloc (reserving the storage on the first
+    // call, or copying an `id` longer than the slot it replaces), the
+    // history is exactly as before the call.
     bool handleMessage(const std::string& id);
 
 private:
@@ -39,18 +58,20 @@ private:
     };
     static constexpr std::uint32_t kFree = 0xFFFFFFFFu;
 
-    std::size_t find(const std::string& id, std::uint64_t hash) const;
-    void insertIndex(std::uint32_t position, std::uint64_t hash);
-    void eraseIndex(std::uint32_t position);
-    void growIndex();
+    bool contains(const std::string& id, std::uint64_t hash) const noexcept;
+    void reserveStorage();
+    void insertIndex(std::uint32_t position, std::uint64_t hash) noexcept;
+    void eraseIndex(std::uint32_t position) noexcept;
+    void swap(MessagesHandled& other) noexcept;
 
     // The remembered strings in a ring, the oldest at oldest_ once the ring is
-    // full; each string's hash beside it. Strings are assigned in place when
-    // the ring turns, so a full history allocates nothing per message.
+    // full; each string's hash beside it. Both are reserved for the whole
+    // history on first use; strings are assigned in place when the ring turns.
     std::vector<std::string> ring_;
     std::vector<std::uint64_t> hashes_;
     std::size_t oldest_ = 0;
-    // Linear probing over positions in ring_; at most half full.
+    // Linear probing over positions in ring_; sized on first use for the
+    // whole history at most half full. Empty exactly while ring_ is unused.
     std::vector<Slot> index_;
     unsigned int historyLength_;
 };

@@ -12,6 +12,10 @@ using Kest::Msgs::MessagesHandled;
 
 static_assert(MessagesHandled::DefaultHistoryLength == 10000);
 static_assert(std::is_default_constructible_v<MessagesHandled>);
+static_assert(std::is_copy_constructible_v<MessagesHandled>);
+static_assert(std::is_copy_assignable_v<MessagesHandled>);
+static_assert(std::is_nothrow_move_constructible_v<MessagesHandled>);
+static_assert(std::is_nothrow_move_assignable_v<MessagesHandled>);
 
 namespace {
 
@@ -90,4 +94,92 @@ TEST(MessagesHandled, EvictsStrictlyInOrderOfFirstAcceptance) {
 
     for (unsigned int n = 1; n <= 500; ++n) ASSERT_FALSE(history.isMessageHandled(nth(n))) << n;
     for (unsigned int n = 501; n <= 10500; ++n) ASSERT_TRUE(history.isMessageHandled(nth(n))) << n;
+}
+
+namespace {
+
+// A full history that has turned 500 times: s501..s10500, oldest first.
+MessagesHandled turnedHistory() {
+    MessagesHandled history = fullHistory();
+    for (unsigned int n = 10001; n <= 10500; ++n) EXPECT_TRUE(history.handleMessage(nth(n))) << n;
+    return history;
+}
+
+// True when `history` holds exactly t0..t(count-1) and, given 10000 more
+// strings, forgets them in that order.
+void expectFreshlyFilledWith(MessagesHandled& history, unsigned int count) {
+    auto t = [](unsigned int n) { return "t" + std::to_string(n); };
+    for (unsigned int n = 0; n < count; ++n) ASSERT_TRUE(history.isMessageHandled(t(n))) << n;
+    for (unsigned int n = count; n < MessagesHandled::DefaultHistoryLength + count; ++n) {
+        ASSERT_TRUE(history.handleMessage(t(n))) << n;
+        if (n >= MessagesHandled::DefaultHistoryLength) {
+            const unsigned int evicted = n - MessagesHandled::DefaultHistoryLength;
+            ASSERT_FALSE(history.isMessageHandled(t(evicted))) << "after " << n;
+            ASSERT_TRUE(history.isMessageHandled(t(evicted + 1))) << "after " << n;
+        }
+    }
+}
+
+}  // namespace
+
+TEST(MessagesHandled, MovedFromHistoryIsEmptyAndEvictsFromItsNewStart) {
+    MessagesHandled history = turnedHistory();
+    MessagesHandled moved(std::move(history));
+
+    // The moved-to history answers and evicts as the original would have.
+    EXPECT_TRUE(moved.isMessageHandled(nth(501)));
+    EXPECT_TRUE(moved.handleMessage(nth(10501)));
+    EXPECT_FALSE(moved.isMessageHandled(nth(501)));
+    EXPECT_TRUE(moved.isMessageHandled(nth(502)));
+
+    // The moved-from one remembers nothing and starts over from its first string.
+    for (unsigned int n : {1u, 501u, 10500u}) EXPECT_FALSE(history.isMessageHandled(nth(n))) << n;
+    for (unsigned int n = 0; n < 10; ++n) ASSERT_TRUE(history.handleMessage("t" + std::to_string(n)));
+    expectFreshlyFilledWith(history, 10);
+}
+
+TEST(MessagesHandled, MoveAssignedFromHistoryIsEmptyAndEvictsFromItsNewStart) {
+    MessagesHandled history = turnedHistory();
+    MessagesHandled target;
+    ASSERT_TRUE(target.handleMessage("old"));
+    target = std::move(history);
+
+    EXPECT_FALSE(target.isMessageHandled("old"));
+    EXPECT_TRUE(target.isMessageHandled(nth(10500)));
+    EXPECT_TRUE(target.handleMessage(nth(10501)));
+    EXPECT_FALSE(target.isMessageHandled(nth(501)));
+
+    EXPECT_FALSE(history.isMessageHandled(nth(10500)));
+    for (unsigned int n = 0; n < 3; ++n) ASSERT_TRUE(history.handleMessage("t" + std::to_string(n)));
+    expectFreshlyFilledWith(history, 3);
+}
+
+TEST(MessagesHandled, CopyAnswersAndEvictsAsTheOriginalAndIndependently) {
+    const MessagesHandled original = turnedHistory();
+    MessagesHandled copy(original);
+    MessagesHandled assigned;
+    ASSERT_TRUE(assigned.handleMessage("old"));
+    assigned = original;
+    EXPECT_FALSE(assigned.isMessageHandled("old"));
+
+    for (MessagesHandled* history : {&copy, &assigned}) {
+        for (unsigned int n = 10501; n <= 10600; ++n) ASSERT_TRUE(history->handleMessage(nth(n))) << n;
+        for (unsigned int n = 501; n <= 600; ++n) ASSERT_FALSE(history->isMessageHandled(nth(n))) << n;
+        for (unsigned int n = 601; n <= 10600; ++n) ASSERT_TRUE(history->isMessageHandled(nth(n))) << n;
+    }
+    // The original is untouched by what its copies took in.
+    EXPECT_TRUE(original.isMessageHandled(nth(501)));
+    EXPECT_FALSE(original.isMessageHandled(nth(10501)));
+}
+
+TEST(MessagesHandled, NonConstLookupAnswersAsTheConstOne) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage("a"));
+    // Both overloads are exported: taking their addresses links against the library.
+    bool (MessagesHandled::*query)(const std::string&) = &MessagesHandled::isMessageHandled;
+    bool (MessagesHandled::*constQuery)(const std::string&) const = &MessagesHandled::isMessageHandled;
+    EXPECT_TRUE((history.*query)("a"));
+    EXPECT_FALSE((history.*query)("b"));
+    EXPECT_TRUE((history.*constQuery)("a"));
+    EXPECT_FALSE((history.*constQuery)("b"));
 }
