@@ -6,9 +6,12 @@
 // creator runs while it is held, so a creator must not call back into the
 // same factory (that deadlocks). supportedComponents() hands out the table
 // without a lock: read it only while nothing changes it.
+//
+// Built into libKestMessageDispatcher: libKestCore provides only the
+// interface, ComponentFactoryInterface.
 
 #include <kest/components/ComponentInterface.h>
-#include <kest/metadata/Api.h>
+#include <kest/msgs/Api.h>
 
 #include <map>
 #include <memory>
@@ -18,7 +21,7 @@
 
 namespace Kest {
 
-class KEST_CORE_API ComponentFactory_Base : public ComponentFactoryInterface {
+class KEST_DISPATCHER_API ComponentFactory_Base : public ComponentFactoryInterface {
 public:
     ComponentFactory_Base();
 

@@ -2,15 +2,18 @@
 
 // Component_Base: the instance identifier every component carries.
 // Not synchronised: set the identifier before the component is shared.
+//
+// Built into libKestMessageDispatcher, which every component of ours lives
+// in: libKestCore provides only the interface.
 
 #include <kest/components/ComponentInterface.h>
-#include <kest/metadata/Api.h>
+#include <kest/msgs/Api.h>
 
 #include <string>
 
 namespace Kest {
 
-class KEST_CORE_API Component_Base : public virtual ComponentInterface {
+class KEST_DISPATCHER_API Component_Base : public virtual ComponentInterface {
 public:
     // The identifier, empty until set.
     const std::string& instanceId() const override;

@@ -1,46 +1,9 @@
-#include <kest/internal/Schedule.h>
-#include <kest/components/ComponentFactory_Base.h>
-#include <kest/components/Component_Base.h>
-
-#include <functional>
+#include <kest/components/ComponentInterface.h>
 
 namespace Kest {
 
+// The key function: the interface's vtable and type information live here,
+// once, for every library and plug-in that uses it.
 ComponentFactoryInterface::~ComponentFactoryInterface() = default;
-
-const std::string& Component_Base::instanceId() const { return instanceIdentifier_; }
-
-void Component_Base::setInstanceId(const std::string& id) { instanceIdentifier_ = id; }
-
-ComponentFactory_Base::ComponentFactory_Base() = default;
-
-ComponentFactory_Base::~ComponentFactory_Base() = default;
-
-std::shared_ptr<ComponentInterface> ComponentFactory_Base::createComponent(
-    std::string name, const std::vector<std::string>& args) {
-    Kest::detail::LockGuard lock(creatorsMutex_);
-    auto it = creators_.find(name);
-    if (it == creators_.end()) return {};
-    return it->second(args);  // an empty creator throws std::bad_function_call
-}
-
-const std::map<std::string, ComponentCreator>& ComponentFactory_Base::supportedComponents() const {
-    return creators_;
-}
-
-void ComponentFactory_Base::addComponentCreator(const std::string& name, ComponentCreator creator) {
-    Kest::detail::LockGuard lock(creatorsMutex_);
-    creators_.emplace(name, std::move(creator));  // keeps an existing entry
-}
-
-void ComponentFactory_Base::removeComponentCreator(const std::string& name) {
-    Kest::detail::LockGuard lock(creatorsMutex_);
-    creators_.erase(name);
-}
-
-void ComponentFactory_Base::removeAllComponentCreators() {
-    Kest::detail::LockGuard lock(creatorsMutex_);
-    creators_.clear();
-}
 
 }  // namespace Kest

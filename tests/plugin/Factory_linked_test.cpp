@@ -72,6 +72,32 @@ TEST(PluginLinked, CreatorsMakeTheConcreteClasses) {
     EXPECT_FALSE(static_cast<bool>(concreteCallback->getCallback()));
 }
 
+TEST(PluginLinked, StartingAgainKeepsACreatorAlreadyRegisteredUnderATypeName) {
+    auto factory = startedFactory();
+    ASSERT_NE(factory, nullptr);
+    // Put a counting creator of our own under QueueType, then start again:
+    // it must stay, as must the three creators of the first start.
+    const auto prepared = factory->createComponent(MessageDispatcherInterface::CallbackQueueType, {});
+    ASSERT_NE(prepared, nullptr);
+    int calls = 0;
+    Kest::ComponentFactory_Base& base = *factory;
+    base.removeComponentCreator(MessageDispatcherInterface::QueueType);
+    base.addComponentCreator(MessageDispatcherInterface::QueueType,
+                             [&calls, prepared](const std::vector<std::string>&) {
+                                 ++calls;
+                                 return prepared;
+                             });
+
+    factory->startLifeCycle();
+
+    EXPECT_EQ(supportedNames(*factory), sortedFourTypeNames());
+    EXPECT_EQ(factory->createComponent(MessageDispatcherInterface::QueueType, {}), prepared);
+    EXPECT_EQ(calls, 1);
+    EXPECT_NE(factory->createComponent(MessageDispatcherInterface::DispatcherType, {}), nullptr);
+    EXPECT_NE(factory->createComponent(MessageDispatcherInterface::FixedDepthQueueType, {}), nullptr);
+    EXPECT_NE(factory->createComponent(MessageDispatcherInterface::CallbackQueueType, {}), nullptr);
+}
+
 TEST(PluginLinked, CreateDispatcherMakesANewDispatcherWithoutALifeCycle) {
     Factory factory;
     EXPECT_TRUE(factory.supportedComponents().empty());

@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <memory>
@@ -38,12 +37,6 @@ using MessagePtr = std::shared_ptr<const Message>;
 
 const Identifier kPing(0x0501, 1);
 const std::vector<std::string> kService = {"plant", "press"};
-
-std::vector<std::string> sortedFourTypeNames() {
-    auto names = fourTypeNames();
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 // Wires the three queue kinds to `dispatcher` (queue and callback subscribed,
 // fixed-depth queue registered as the service of kService), posts one message
@@ -120,31 +113,14 @@ TEST_P(PluginFactory, StartingTwiceKeepsTheCreatorsAlreadyRegistered) {
     life_->startLifeCycle();
     life_->startLifeCycle();
     EXPECT_EQ(supportedNames(*factory_), sortedFourTypeNames());
-
-    // Put a counting creator of our own under QueueType, then start again:
-    // it must stay, as must the three creators of the first start.
-    auto* base = dynamic_cast<Kest::ComponentFactory_Base*>(factory_.get());
-    ASSERT_NE(base, nullptr);
-    const auto prepared = factory_->createComponent(MessageDispatcherInterface::CallbackQueueType, {});
-    ASSERT_NE(prepared, nullptr);
-    int calls = 0;
-    base->removeComponentCreator(MessageDispatcherInterface::QueueType);
-    base->addComponentCreator(MessageDispatcherInterface::QueueType,
-                              [&calls, prepared](const std::vector<std::string>&) {
-                                  ++calls;
-                                  return prepared;
-                              });
-
-    life_->startLifeCycle();
-
-    EXPECT_EQ(supportedNames(*factory_), sortedFourTypeNames());
-    EXPECT_EQ(factory_->createComponent(MessageDispatcherInterface::QueueType, {}), prepared);
-    EXPECT_EQ(calls, 1);
     EXPECT_NE(create<MessageDispatcherInterface>(MessageDispatcherInterface::DispatcherType), nullptr);
+    EXPECT_NE(create<MessageQueueInterface>(MessageDispatcherInterface::QueueType), nullptr);
     EXPECT_NE(create<FixedDepthMessageQueueInterface>(MessageDispatcherInterface::FixedDepthQueueType),
               nullptr);
     EXPECT_NE(create<CallbackMessageQueueInterface>(MessageDispatcherInterface::CallbackQueueType),
               nullptr);
+    // That a creator registered before is the one kept needs the factory
+    // base's own operations: PluginLinked.StartingAgainKeepsACreatorAlreadyRegisteredUnderATypeName.
 }
 
 TEST_P(PluginFactory, EndingAnUnstartedFactoryDoesNothing) {

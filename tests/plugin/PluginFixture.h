@@ -7,15 +7,16 @@
 // against the fixture below and instantiate it with their own entry point.
 //
 // Only interface headers are included here, so that the loading executable
-// cannot pick up the dispatcher library by accident.
+// cannot pick up the dispatcher library by accident (the factory base,
+// ComponentFactory_Base, is part of it).
 
-#include <kest/components/ComponentFactory_Base.h>
 #include <kest/components/ComponentInterface.h>
 #include <kest/model/MessageDispatcherInterface.h>
 #include <kest/model/MessageQueueInterface.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -41,6 +42,13 @@ inline std::vector<std::string> fourTypeNames() {
     return {MessageDispatcherInterface::DispatcherType, MessageDispatcherInterface::QueueType,
             MessageDispatcherInterface::FixedDepthQueueType,
             MessageDispatcherInterface::CallbackQueueType};
+}
+
+// The same, in the order of the factory's map.
+inline std::vector<std::string> sortedFourTypeNames() {
+    auto names = fourTypeNames();
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 // The type names currently registered in `factory`, in map order.

@@ -11,7 +11,9 @@
 # - every symbol of the dispatcher library in the Kest namespaces belongs to
 #   one of the public classes or functions in DISPATCHER_OWNERS (members,
 #   vtables, type information, VTTs, thunks), or is one of the weak copies of
-#   a header-defined class's vtable and type information in VAGUE_OWNERS.
+#   a header-defined class's vtable and type information in VAGUE_OWNERS;
+# - the component bases are built into the dispatcher library only: the core
+#   library exports nothing of the classes in CORE_FORBIDDEN_OWNERS.
 # Prints every offending symbol, demangled, and exits 1 on any failure.
 
 set -u
@@ -27,6 +29,8 @@ dispatcher=$3
 # Public classes and free functions of the dispatcher library: anything in
 # their scope may be exported.
 DISPATCHER_OWNERS=(
+    Kest::Component_Base
+    Kest::ComponentFactory_Base
     Kest::Msgs::MessageDispatcher
     Kest::Msgs::MessageQueue
     Kest::Msgs::MessageQueue_FixedDepth
@@ -66,6 +70,13 @@ DETAIL_ALLOWED=(
     Kest::detail::setScheduleSeed
 )
 
+# The component bases: their headers sit with the component interfaces, but
+# they are built into the dispatcher library, not into the core library.
+CORE_FORBIDDEN_OWNERS=(
+    Kest::Component_Base
+    Kest::ComponentFactory_Base
+)
+
 # Plain (unmangled) names the dispatcher library may export.
 PLAIN_ALLOWED=(getComponentFactory)
 
@@ -77,6 +88,9 @@ DISPATCHER_REQUIRED=(
     "typeinfo for Kest::Msgs::MessageCallback"
     "typeinfo for Kest::Msgs::Factory"
     "vtable for Kest::Msgs::Factory"
+    "typeinfo for Kest::Component_Base"
+    "typeinfo for Kest::ComponentFactory_Base"
+    "Kest::ComponentFactory_Base::addComponentCreator("
     "Kest::Msgs::MessagesHandled::handleMessage("
     "Kest::Msgs::handleMessageDirect("
     "Kest::Msgs::dispatchMessage("
@@ -223,6 +237,18 @@ while read -r type name; do
     fi
     [ $allowed = 1 ] || fail "leaked from the dispatcher library: $type $(printf '%s' "$name" | c++filt)  [$name]"
 done < <(exported "$dispatcher")
+
+# Nothing of the component bases in the core library.
+for owner in "${CORE_FORBIDDEN_OWNERS[@]}"; do
+    prefix=$(mangled_scope "$owner")
+    while read -r type name; do
+        nested=$(nested_name "$name")
+        case ${nested#"$prefix"} in
+            "$nested") ;;
+            [EIBCDa-z0-9]*) fail "$(basename "$core") exports $owner, which belongs to the dispatcher library: $type $(printf '%s' "$name" | c++filt)" ;;
+        esac
+    done < <(exported "$core")
+done
 
 if [ $kest_count -eq 0 ]; then
     fail "no symbols of the Kest namespaces found in $dispatcher"
