@@ -23,7 +23,9 @@ const std::map<std::string, ComponentCreator>& ComponentFactory_Base::supportedC
 
 void ComponentFactory_Base::addComponentCreator(const std::string& name, ComponentCreator creator) {
     Kest::detail::LockGuard lock(creatorsMutex_);
-    creators_.emplace(name, std::move(creator));  // keeps an existing entry
+    // try_emplace keeps an existing entry without building a node: a refused
+    // creator stays in `creator` and is destroyed after the unlock.
+    creators_.try_emplace(name, std::move(creator));
 }
 
 void ComponentFactory_Base::removeComponentCreator(const std::string& name) {

@@ -36,7 +36,8 @@ public:
     ~ComponentFactory_Base() override;
 
     // Registers `creator` under `name` unless the name is taken; a second
-    // registration is dropped without a word.
+    // registration is dropped without a word, and the dropped creator is
+    // destroyed after the factory's lock is released.
     virtual void addComponentCreator(const std::string& name, ComponentCreator creator);
     // Forgets the creator of `name`, if any.
     virtual void removeComponentCreator(const std::string& name);

@@ -26,8 +26,9 @@ public:
     virtual std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) = 0;
     // True when the queue took the message.
     virtual bool putMessage(std::shared_ptr<const Message> message) = 0;
-    // Appends to `out`, oldest first, the messages that can be taken without
-    // waiting (at most as many as were pending when called). Never blocks.
+    // Appends to `out`, oldest first, every message that can be taken without
+    // waiting, skipping the null entries a queue may hold; takes at most as
+    // many entries as were pending when called. Never waits for a message.
     virtual void takeAllAvailableMessages(std::list<std::shared_ptr<const Message>>& out);
     // The number of messages waiting, a snapshot.
     virtual unsigned int getAvailableMessagesCount() const = 0;

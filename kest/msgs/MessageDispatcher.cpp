@@ -14,11 +14,6 @@ namespace Fwd = Communications::Forwarder;
 
 namespace {
 
-unsigned long hashWithSender(const MessageKey& key) { return MessageKey::HasherWithSender()(key); }
-unsigned long hashWithDestination(const MessageKey& key) {
-    return MessageKey::HasherWithDestination()(key);
-}
-
 constexpr unsigned long kChangeRank = std::numeric_limits<unsigned long>::max();
 
 }  // namespace
@@ -57,7 +52,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
                                   const Identifier& id) {
     if (!queue) return false;
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), &hashWithSender);
+    MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HasherWithSender());
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
     announce<Fwd::SubscriptionAddedNotification>(key, 0, queue);
@@ -105,7 +100,8 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
     Kest::detail::LockGuard lock(mutex);
-    MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination, &hashWithDestination);
+    MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination,
+                   MessageKey::HasherWithDestination());
     auto entry = services.find(key);
     if (entry == services.end()) {
         RankedQueues& queues = services.emplace(key, RankedQueues()).first->second;
@@ -164,7 +160,9 @@ std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
 
 bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
     Kest::detail::LockGuard lock(mutex);
-    return unprotected_postMessage(std::move(message), sender);
+    // A copy: `message` keeps its reference until after the unlock, so a
+    // message that no queue took is released outside the lock.
+    return unprotected_postMessage(message, sender);
 }
 
 bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> message,

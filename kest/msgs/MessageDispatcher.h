@@ -88,6 +88,8 @@ public:
     // `sender`. False for an empty or repeated message, for a destination no
     // service covers, and when some covering service entry had no queue that
     // accepted. Throws MetaDataException for a message without identity.
+    // When no queue took the message and the caller gave up its reference,
+    // the message is released after the dispatcher's lock, not under it.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
 
     // postMessage for callers that already hold the dispatcher's mutex.

@@ -2,6 +2,8 @@
 
 #include "ComponentTestTypes.h"
 
+#include <support/QueuesTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -233,3 +235,39 @@ TEST(ComponentFactory_Base, WorksThroughTheFactoryInterface) {
 }
 
 }  // namespace
+
+namespace {
+
+// A creator that, each time a copy of it is destroyed, finds out from another
+// thread whether the factory's lock is free at that moment.
+struct LockProbeCreator {
+    std::weak_ptr<TestFactory> factory;
+    std::shared_ptr<std::vector<bool>> freeAtDestruction;
+
+    std::shared_ptr<ComponentInterface> operator()(const std::vector<std::string>&) const { return nullptr; }
+
+    ~LockProbeCreator() {
+        auto owner = factory.lock();
+        if (!owner || !freeAtDestruction) return;
+        // Under the lock the other thread cannot finish until this one has returned.
+        freeAtDestruction->push_back(KestTest::finishesWithin(std::chrono::seconds(5), [owner] {
+            owner->createComponent("none", {});
+        }));
+    }
+};
+
+}  // namespace
+
+TEST(ComponentFactory_Base, RefusedCreatorIsDestroyedAfterTheLockIsReleased) {
+    auto factory = std::make_shared<TestFactory>();
+    factory->addComponentCreator("taken", makes("first"));
+    auto freeAtDestruction = std::make_shared<std::vector<bool>>();
+
+    factory->addComponentCreator("taken", LockProbeCreator{factory, freeAtDestruction});
+
+    EXPECT_EQ(madeBy(factory->createComponent("taken", {})), "first");
+    ASSERT_FALSE(freeAtDestruction->empty());
+    for (std::size_t i = 0; i < freeAtDestruction->size(); ++i) {
+        EXPECT_TRUE((*freeAtDestruction)[i]) << "copy " << i << " of the refused creator died under the lock";
+    }
+}

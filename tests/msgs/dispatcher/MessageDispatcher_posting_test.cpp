@@ -7,10 +7,13 @@
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
 
 #include <support/DispatcherTestSupport.h>
+#include <support/QueuesTestSupport.h>
 #include <support/TestSupport.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -336,4 +339,52 @@ TEST(MessageDispatcherHistory, MessageIsAcceptedAgainAfterTenThousandOthers) {
     EXPECT_EQ(queue->getAvailableMessagesCount(), Length + 2);
     EXPECT_TRUE(dispatcher.postMessage(messages[1], nullptr));
     EXPECT_EQ(queue->getAvailableMessagesCount(), Length + 3);
+}
+
+namespace {
+
+// A message that, when it is destroyed, finds out from another thread whether
+// its dispatcher's lock is free at that moment.
+class LockProbe : public Message {
+public:
+    LockProbe(std::shared_ptr<MessageDispatcher> dispatcher, std::shared_ptr<std::atomic<int>> outcome)
+        : Message(Reading, Address{"probe"}), dispatcher_(std::move(dispatcher)), outcome_(std::move(outcome)) {}
+    ~LockProbe() override {
+        auto dispatcher = dispatcher_;
+        // Under the lock the other thread cannot finish until this one has returned.
+        const bool free = finishesWithin(std::chrono::seconds(5), [dispatcher] {
+            MessageDispatcherInterface::SubscriptionsTable table;
+            dispatcher->getSubscriptionsTable(table);
+        });
+        outcome_->store(free ? Free : Held);
+    }
+
+    static constexpr int Alive = 0;
+    static constexpr int Free = 1;
+    static constexpr int Held = 2;
+
+private:
+    std::shared_ptr<MessageDispatcher> dispatcher_;
+    std::shared_ptr<std::atomic<int>> outcome_;
+};
+
+}  // namespace
+
+TEST(MessageDispatcherPosting, MessageNoQueueTookIsReleasedAfterTheLock) {
+    auto dispatcher = std::make_shared<MessageDispatcher>();
+    auto outcome = std::make_shared<std::atomic<int>>(LockProbe::Alive);
+    // The dispatcher's parameter holds the only reference, and no queue takes one.
+    EXPECT_TRUE(dispatcher->postMessage(std::make_shared<LockProbe>(dispatcher, outcome), nullptr));
+    EXPECT_EQ(outcome->load(), LockProbe::Free);
+}
+
+TEST(MessageDispatcherPosting, RefusedRepeatIsReleasedAfterTheLock) {
+    auto dispatcher = std::make_shared<MessageDispatcher>();
+    auto first = makeMessage(Reading, {"probe"});
+    ASSERT_TRUE(dispatcher->postMessage(first, nullptr));
+    auto outcome = std::make_shared<std::atomic<int>>(LockProbe::Alive);
+    auto repeat = std::make_shared<LockProbe>(dispatcher, outcome);
+    repeat->identity.assign(first->identity());
+    EXPECT_FALSE(dispatcher->postMessage(std::move(repeat), nullptr));
+    EXPECT_EQ(outcome->load(), LockProbe::Free);
 }

@@ -348,3 +348,16 @@ TEST(MessageDispatcherSubscriptionsTable, SnapshotHoldsNoQueueReference) {
     EXPECT_EQ(a.use_count(), 1);
     EXPECT_EQ(out.at(subscriptionKey(Reading, {"plant"})), 1u);
 }
+
+TEST_F(MessageDispatcherSubscriptions, StoredKeysCarryAHasherWithSenderObject) {
+    ASSERT_TRUE(dispatcher.subscribe(queue, {"plant", "line2"}, Reading));
+    ASSERT_TRUE(dispatcher.subscribe(other, {}, Alarm));
+    const Table table = snapshot(dispatcher);
+    ASSERT_FALSE(table.empty());
+    for (const auto& entry : table) {
+        // The hasher class itself, not a function wrapping it.
+        EXPECT_NE(entry.first.hashFunction().target<MessageKey::HasherWithSender>(), nullptr)
+            << "stored function of type " << entry.first.hashFunction().target_type().name();
+        EXPECT_EQ(entry.first.hashFunction()(entry.first), MessageKey::HasherWithSender()(entry.first));
+    }
+}

@@ -317,6 +317,40 @@ TYPED_TEST(BlockingQueue, TakeAllAvailableMessagesKeepsTheListsPreviousContent) 
     EXPECT_EQ(taken, (std::list<MessagePtr>{old1, old2, a, b}));
 }
 
+TYPED_TEST(BlockingQueue, TakeAllAvailableMessagesSkipsNullEntriesAndTakesWhatFollows) {
+    auto queue = makeQueue<TypeParam>();
+    const MessagePtr a = makeMessage(Identifier(3, 1));
+    const MessagePtr b = makeMessage(Identifier(3, 2));
+    const MessagePtr c = makeMessage(Identifier(3, 3));
+    for (const MessagePtr& entry : {a, MessagePtr(), MessagePtr(), b}) ASSERT_TRUE(queue->putMessage(entry));
+    std::list<MessagePtr> taken;
+    queue->takeAllAvailableMessages(taken);
+    EXPECT_EQ(taken, (std::list<MessagePtr>{a, b}));
+    EXPECT_EQ(queue->getAvailableMessagesCount(), 0u);
+
+    // Null entries first, between and last.
+    for (const MessagePtr& entry : {MessagePtr(), MessagePtr(), c, MessagePtr(), a, MessagePtr(), MessagePtr()}) {
+        ASSERT_TRUE(queue->putMessage(entry));
+    }
+    taken.clear();
+    queue->takeAllAvailableMessages(taken);
+    EXPECT_EQ(taken, (std::list<MessagePtr>{c, a}));
+    EXPECT_EQ(queue->getAvailableMessagesCount(), 0u);
+}
+
+TYPED_TEST(BlockingQueue, TimedReadOnTwoNullEntriesAheadOfAMessageReturnsEmptyAtOnce) {
+    // The first null entry is dropped; the count is then not zero, so the
+    // front entry, the second null, is taken and returned as it is.
+    auto queue = makeQueue<TypeParam>();
+    const MessagePtr a = makeMessage(Identifier(3, 1));
+    for (const MessagePtr& entry : {MessagePtr(), MessagePtr(), a}) ASSERT_TRUE(queue->putMessage(entry));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(queue->getMessage(milliseconds(20000)), nullptr);
+    EXPECT_LT(since(start), atOnce);
+    EXPECT_EQ(queue->getAvailableMessagesCount(), 1u);
+    EXPECT_EQ(queue->getMessage(milliseconds(0)), a);
+}
+
 TYPED_TEST(BlockingQueue, TakeAllAvailableMessagesNeverBlocksOnAnEmptyQueue) {
     auto queue = makeQueue<TypeParam>();
     auto taken = std::make_shared<std::list<MessagePtr>>();

@@ -562,3 +562,19 @@ TEST_F(ServiceRegistry, ChangeNoticeCarriesCountOneAndAllOnesRank) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ServiceRegistry, StoredKeysCarryAHasherWithDestinationObject) {
+    ASSERT_TRUE(dispatcher->registerService(makeQueue(), kPress, kPrint, 1));
+    ASSERT_TRUE(dispatcher->registerService(makeQueue(), {}, kPrint, 3));
+    MessageDispatcherInterface::ServicesTable table;
+    ASSERT_EQ(dispatcher->getServicesTable(table), 2u);
+    for (const auto& entry : table) {
+        EXPECT_NE(entry.first.hashFunction().target<MessageKey::HasherWithDestination>(), nullptr)
+            << "stored function of type " << entry.first.hashFunction().target_type().name();
+        EXPECT_EQ(entry.first.hashFunction()(entry.first), MessageKey::HasherWithDestination()(entry.first));
+    }
+}
+
+}  // namespace
