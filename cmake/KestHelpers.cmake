@@ -71,6 +71,10 @@ function(kest_add_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main
                         kest_build_options)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  # Tests that use the dispatcher library's test hooks skip without them.
+  if(KEST_TEST_HOOKS)
+    target_compile_definitions(${name} PRIVATE KEST_TEST_HOOKS)
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")

@@ -16,7 +16,10 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace KestPluginTest {
 namespace {
@@ -96,6 +99,43 @@ TEST(PluginLinked, StartingAgainKeepsACreatorAlreadyRegisteredUnderATypeName) {
     EXPECT_NE(factory->createComponent(MessageDispatcherInterface::DispatcherType, {}), nullptr);
     EXPECT_NE(factory->createComponent(MessageDispatcherInterface::FixedDepthQueueType, {}), nullptr);
     EXPECT_NE(factory->createComponent(MessageDispatcherInterface::CallbackQueueType, {}), nullptr);
+}
+
+// A factory that records the life cycle's calls of the virtual creator operations.
+class RecordingFactory : public Factory {
+public:
+    void addComponentCreator(const std::string& name, Kest::ComponentCreator creator) override {
+        added.push_back(name);
+        Factory::addComponentCreator(name, std::move(creator));
+    }
+    void removeAllComponentCreators() override {
+        ++removedAll;
+        Factory::removeAllComponentCreators();
+    }
+    std::vector<std::string> added;
+    int removedAll = 0;
+};
+
+TEST(PluginLinked, LifeCycleRegistersTheFourCreatorsInOrderThroughTheVirtualOperations) {
+    RecordingFactory factory;
+    factory.startLifeCycle();
+    EXPECT_EQ(factory.added,
+              (std::vector<std::string>{MessageDispatcherInterface::DispatcherType, MessageDispatcherInterface::QueueType,
+                                        MessageDispatcherInterface::FixedDepthQueueType,
+                                        MessageDispatcherInterface::CallbackQueueType}));
+    EXPECT_EQ(factory.removedAll, 0);
+    EXPECT_EQ(supportedNames(factory), sortedFourTypeNames());
+
+    // Through the life-cycle interface, as a host calls it.
+    Kest::LifeCycle::PassiveInterface& life = factory;
+    life.endLifeCycle();
+    EXPECT_EQ(factory.removedAll, 1);
+    EXPECT_EQ(factory.added.size(), 4u);
+    EXPECT_TRUE(factory.supportedComponents().empty());
+    life.startLifeCycle();
+    EXPECT_EQ(factory.added.size(), 8u);
+    EXPECT_EQ(std::vector<std::string>(factory.added.begin() + 4, factory.added.end()),
+              std::vector<std::string>(factory.added.begin(), factory.added.begin() + 4));
 }
 
 TEST(PluginLinked, CreateDispatcherMakesANewDispatcherWithoutALifeCycle) {

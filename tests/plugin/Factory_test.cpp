@@ -14,6 +14,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -354,6 +355,19 @@ TEST_P(PluginFactory, CallbackQueueCastsToCallbackInterface) {
     const MessagePtr message = makeMessage(kPing);
     EXPECT_TRUE(queue->putMessage(message));
     EXPECT_EQ(seen, message);
+}
+
+TEST_P(PluginFactory, CallbackQueueMadeByTheFactoryThrowsBadFunctionCallOnItsFirstPut) {
+    life_->startLifeCycle();
+    auto queue = create<CallbackMessageQueueInterface>(MessageDispatcherInterface::CallbackQueueType,
+                                                       {"any", "arguments"});
+    ASSERT_NE(queue, nullptr);
+    EXPECT_THROW(queue->putMessage(makeMessage(kPing)), std::bad_function_call);
+    // The queue's lock was released on the way out: a callback set now runs.
+    int calls = 0;
+    queue->setCallback([&calls](const MessagePtr&) { ++calls; });
+    EXPECT_TRUE(queue->putMessage(makeMessage(kPing)));
+    EXPECT_EQ(calls, 1);
 }
 
 // ---- Components at work ----------------------------------------------------

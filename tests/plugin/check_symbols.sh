@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks what the three shared libraries export.
 #
-#   check_symbols.sh <libKestCore> <libKestMessages> <libKestMessageDispatcher>
+#   check_symbols.sh <libKestCore> <libKestMessages> <libKestMessageDispatcher> [--test-hooks]
 #
 # - each library carries its SONAME;
 # - the dispatcher library exports getComponentFactory as a plain, unmangled
@@ -14,17 +14,27 @@
 #   a header-defined class's vtable and type information in VAGUE_OWNERS;
 # - the component bases are built into the dispatcher library only: the core
 #   library exports nothing of the classes in CORE_FORBIDDEN_OWNERS.
+# With --test-hooks (a dispatcher library built with KEST_TEST_HOOKS, for
+# tests only) the hook functions of kest/msgs/internal/TestHooks.h are
+# allowed too, and required.
 # Prints every offending symbol, demangled, and exits 1 on any failure.
 
 set -u
 
-if [ $# -ne 3 ]; then
-    echo "usage: $0 <libKestCore> <libKestMessages> <libKestMessageDispatcher>" >&2
+if [ $# -lt 3 ] || [ $# -gt 4 ]; then
+    echo "usage: $0 <libKestCore> <libKestMessages> <libKestMessageDispatcher> [--test-hooks]" >&2
     exit 2
 fi
 core=$1
 messages=$2
 dispatcher=$3
+test_hooks=0
+if [ $# -eq 4 ]; then
+    case $4 in
+        --test-hooks) test_hooks=1 ;;
+        *) echo "unknown option: $4" >&2; exit 2 ;;
+    esac
+fi
 
 # Public classes and free functions of the dispatcher library: anything in
 # their scope may be exported.
@@ -42,11 +52,12 @@ DISPATCHER_OWNERS=(
 )
 
 # Classes of the other two libraries' headers that have no out-of-line key
-# function (interfaces whose operations are all pure, class templates): every
+# function (interfaces whose operations are all pure, class templates, the
+# key hashers that the tables' stored keys hold in a std::function): every
 # library that uses them emits a weak copy of their vtable and type
-# information, which dynamic_cast across libraries relies on. Only those weak
-# (nm type V) vtable, typeinfo and typeinfo-name symbols are allowed, nothing
-# else of these classes.
+# information, which dynamic_cast and std::function::target across libraries
+# rely on. Only those weak (nm type V) vtable, typeinfo and typeinfo-name
+# symbols are allowed, nothing else of these classes.
 VAGUE_OWNERS=(
     Kest::ComponentInterface
     Kest::LifeCycle::PassiveInterface
@@ -56,6 +67,8 @@ VAGUE_OWNERS=(
     Kest::MetaData::Reflector
     Kest::MetaData::ReflectorNoWriteParend
     Kest::MetaData::ReflectorArray
+    Kest::Msgs::MessageKey::HasherWithSender
+    Kest::Msgs::MessageKey::HasherWithDestination
 )
 
 # `detail` helpers exported on purpose: the templates of
@@ -76,6 +89,17 @@ CORE_FORBIDDEN_OWNERS=(
     Kest::Component_Base
     Kest::ComponentFactory_Base
 )
+
+# The test hooks, exported only by a library built with KEST_TEST_HOOKS.
+TEST_HOOKS=(
+    Kest::Msgs::detail::hooks::readerWakeUps
+    Kest::Msgs::detail::hooks::setSteadyNow
+    Kest::Msgs::detail::hooks::setWallNow
+)
+if [ $test_hooks = 1 ]; then
+    DISPATCHER_OWNERS+=("${TEST_HOOKS[@]}")
+    DETAIL_ALLOWED+=("${TEST_HOOKS[@]}")
+fi
 
 # Plain (unmangled) names the dispatcher library may export.
 PLAIN_ALLOWED=(getComponentFactory)
@@ -260,6 +284,14 @@ for required in "${DISPATCHER_REQUIRED[@]}"; do
         fail "the dispatcher library does not export: $required"
     fi
 done
+
+if [ $test_hooks = 1 ]; then
+    for required in "${TEST_HOOKS[@]}"; do
+        if ! grep -qF -- "$required(" <<<"$demangled"; then
+            fail "the dispatcher library built with test hooks does not export: $required"
+        fi
+    done
+fi
 
 for required in "${DISPATCHER_REQUIRED_EXACT[@]}"; do
     if ! grep -qxF -- "$required" <<<"$demangled"; then

@@ -1,9 +1,25 @@
 #include <kest/internal/Schedule.h>
+#include <kest/msgs/internal/TestHooks.h>
 #include <kest/msgs/queues/MessageQueue.h>
 
 #include <limits>
 
 namespace Kest::Msgs {
+
+namespace {
+
+// The clocks getMessage reads. Test builds can replace both (see
+// kest/msgs/internal/TestHooks.h); otherwise they are the standard ones.
+#if defined(KEST_TEST_HOOKS)
+using WallClock = detail::hooks::HookedWallClock;
+std::chrono::steady_clock::time_point steadyNow() { return detail::hooks::steadyNow(); }
+void noteWakeUp() noexcept { detail::hooks::countReaderWakeUp(); }
+#else
+using WallClock = std::chrono::system_clock;
+std::chrono::steady_clock::time_point steadyNow() { return std::chrono::steady_clock::now(); }
+#endif
+
+}  // namespace
 
 MessageQueue::MessageQueue(const std::vector<std::string>& /*args*/) {}
 
@@ -35,7 +51,6 @@ unsigned int MessageQueue::getAvailableMessagesCount() const {
 std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::milliseconds timeout) {
     using std::chrono::nanoseconds;
     using std::chrono::steady_clock;
-    using std::chrono::system_clock;
 
     Kest::detail::schedulePoint();
     std::unique_lock<std::mutex> lock(mutex_);
@@ -44,7 +59,17 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
     // A null entry at the front has been dropped; go on as if the queue had been empty.
 
     if (timeout == std::chrono::milliseconds::max()) {
+#if defined(KEST_TEST_HOOKS)
+        // The predicate runs once before the first wait and once per wake-up.
+        bool waited = false;
+        available_.wait(lock, [this, &waited] {
+            if (waited) noteWakeUp();
+            waited = true;
+            return internalCount() != 0;
+        });
+#else
         available_.wait(lock, [this] { return internalCount() != 0; });
+#endif
         return internalGetImmediateMessage();
     }
 
@@ -55,18 +80,21 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
     const nanoseconds wait = timeout > longest                        ? nanoseconds(longest)
                              : timeout < std::chrono::milliseconds(0) ? nanoseconds(0)
                                                                       : nanoseconds(timeout);
-    const steady_clock::time_point steadyDeadline = steady_clock::now() + wait;
+    const steady_clock::time_point steadyDeadline = steadyNow() + wait;
     if (internalCount() != 0) return internalGetImmediateMessage();
 
     for (;;) {
         // Wait on the wall clock for the time left on the steady one; a change
         // of wall time can end the wait early or late, and the test below
         // makes up for it.
-        const system_clock::time_point wallDeadline =
-            system_clock::now() +
-            std::chrono::duration_cast<system_clock::duration>(steadyDeadline - steady_clock::now());
-        if (wallDeadline > system_clock::now()) {
+        const WallClock::time_point wallDeadline =
+            WallClock::now() + std::chrono::duration_cast<WallClock::duration>(steadyDeadline - steadyNow());
+        if (wallDeadline > WallClock::now()) {
+#if defined(KEST_TEST_HOOKS)
+            if (available_.wait_until(lock, wallDeadline) == std::cv_status::no_timeout) noteWakeUp();
+#else
             available_.wait_until(lock, wallDeadline);
+#endif
         } else {
             // A wait whose deadline has passed returns at once; it only lets
             // a writer slip in. The condition variable would still sleep for
@@ -76,8 +104,8 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
             lock.lock();
         }
         Kest::detail::schedulePoint();
-        const bool wallPassed = system_clock::now() >= wallDeadline;
-        const bool steadyPassed = steady_clock::now() >= steadyDeadline;
+        const bool wallPassed = WallClock::now() >= wallDeadline;
+        const bool steadyPassed = steadyNow() >= steadyDeadline;
         if (wallPassed && steadyPassed) break;
         if (internalCount() != 0) return internalGetImmediateMessage();
     }

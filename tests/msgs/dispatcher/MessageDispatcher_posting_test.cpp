@@ -3,6 +3,7 @@
 
 #include <kest/metadata/Element.h>
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/queues/MessageCallback.h>
 #include <kest/msgs/queues/MessageQueue.h>
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
 
@@ -15,6 +16,8 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -387,4 +390,59 @@ TEST(MessageDispatcherPosting, RefusedRepeatIsReleasedAfterTheLock) {
     repeat->identity.assign(first->identity());
     EXPECT_FALSE(dispatcher->postMessage(std::move(repeat), nullptr));
     EXPECT_EQ(outcome->load(), LockProbe::Free);
+}
+
+namespace {
+
+// What the subscribers of one test saw, shared with callbacks that may run on
+// another thread.
+struct Deliveries {
+    std::mutex mutex;
+    std::vector<std::pair<int, std::shared_ptr<const Message>>> seen;  // subscriber, message
+    int calls = 0;
+
+    std::size_t count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seen.size();
+    }
+};
+
+}  // namespace
+
+TEST(MessageDispatcherPosting, CallbackThrowingInTheMiddleOfAPostKeepsEarlierDeliveriesAndReleasesTheLock) {
+    auto dispatcher = std::make_shared<MessageDispatcher>();
+    auto deliveries = std::make_shared<Deliveries>();
+    for (int subscriber = 0; subscriber < 3; ++subscriber) {
+        // Whichever subscriber is called second throws.
+        auto queue = std::make_shared<MessageCallback>([deliveries, subscriber](const std::shared_ptr<const Message>& m) {
+            std::lock_guard<std::mutex> lock(deliveries->mutex);
+            deliveries->seen.emplace_back(subscriber, m);
+            if (++deliveries->calls == 2) throw std::runtime_error("the second subscriber fails");
+        });
+        ASSERT_TRUE(dispatcher->subscribe(queue, {}, Reading));
+    }
+
+    const auto message = makeMessage(Reading, {"a"});
+    EXPECT_THROW(dispatcher->postMessage(message, nullptr), std::runtime_error);
+    // The first subscriber got the message and keeps it; the third was not reached.
+    ASSERT_EQ(deliveries->count(), 2u);
+    EXPECT_EQ(deliveries->seen[0].second, message);
+    EXPECT_EQ(deliveries->seen[1].second, message);
+    EXPECT_NE(deliveries->seen[0].first, deliveries->seen[1].first);
+
+    // The lock was released: a post from another thread is served by all three.
+    auto posted = std::make_shared<std::atomic<bool>>(false);
+    const bool ended = finishesWithin(std::chrono::seconds(5), [dispatcher, posted] {
+        posted->store(dispatcher->postMessage(makeMessage(Reading, {"b"}), nullptr));
+    });
+    ASSERT_TRUE(ended) << "the dispatcher's lock is still held";
+    EXPECT_TRUE(posted->load());
+    EXPECT_EQ(deliveries->count(), 5u);
+    // And one from this thread.
+    EXPECT_TRUE(dispatcher->postMessage(makeMessage(Reading, {"c"}), nullptr));
+    EXPECT_EQ(deliveries->count(), 8u);
+
+    // The identity was recorded before delivery: posting it again is refused and reaches nobody.
+    EXPECT_FALSE(dispatcher->postMessage(message, nullptr));
+    EXPECT_EQ(deliveries->count(), 8u);
 }

@@ -2,15 +2,19 @@
 // the snapshot getSubscriptionsTable takes.
 
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/queues/MessageCallback.h>
 #include <kest/msgs/queues/MessageQueue.h>
 
 #include <support/DispatcherTestSupport.h>
+#include <support/QueuesTestSupport.h>
 #include <support/TestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -360,4 +364,25 @@ TEST_F(MessageDispatcherSubscriptions, StoredKeysCarryAHasherWithSenderObject) {
             << "stored function of type " << entry.first.hashFunction().target_type().name();
         EXPECT_EQ(entry.first.hashFunction()(entry.first), MessageKey::HasherWithSender()(entry.first));
     }
+}
+
+TEST_F(MessageDispatcherSubscriptions, CallbackThrowingOnTheNotificationLeavesTheNewSubscriptionInPlace) {
+    auto watcher = std::make_shared<MessageCallback>(
+        [](const std::shared_ptr<const Message>&) { throw std::runtime_error("the watcher fails"); });
+    // The watcher's own subscription is not announced to itself.
+    ASSERT_TRUE(dispatcher.subscribe(watcher, {}, noticeId(9)));
+
+    EXPECT_THROW(dispatcher.subscribe(queue, {"plant", "line2"}, Reading), std::runtime_error);
+
+    // The change was made before it was announced, and stays; the lock is free.
+    auto table = std::make_shared<Table>();
+    const MessageDispatcher* shared = &dispatcher;
+    ASSERT_TRUE(finishesWithin(std::chrono::seconds(5), [shared, table] { shared->getSubscriptionsTable(*table); }))
+        << "the dispatcher's lock is still held";
+    ASSERT_EQ(table->count(subscriptionKey(Reading, {"plant", "line2"})), 1u);
+    EXPECT_EQ(table->at(subscriptionKey(Reading, {"plant", "line2"})), 1u);
+    // The queue is subscribed: a message reaches it.
+    const auto message = makeMessage(Reading, {"plant", "line2", "press"});
+    EXPECT_TRUE(dispatcher.postMessage(message, nullptr));
+    EXPECT_EQ(drainMessages(*queue), std::vector<std::shared_ptr<const Message>>{message});
 }

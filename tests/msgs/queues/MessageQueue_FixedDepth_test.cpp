@@ -3,6 +3,9 @@
 
 #include <kest/msgs/queues/MessageQueue.h>
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
+#if defined(KEST_TEST_HOOKS)
+#include <kest/msgs/internal/TestHooks.h>
+#endif
 
 #include <support/QueuesTestSupport.h>
 #include <support/TestSupport.h>
@@ -13,6 +16,7 @@
 #include <climits>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -183,6 +187,37 @@ TEST(MessageQueue_FixedDepth, RefusedPutWakesNoReader) {
     ASSERT_TRUE(reader.waitForResult(std::chrono::seconds(5)));
     EXPECT_EQ(reader.result(), nullptr);
     EXPECT_GE(reader.elapsed(), milliseconds(200));
+}
+
+TEST(MessageQueue_FixedDepth, RefusedPutNotifiesNoWaitingReader) {
+#if !defined(KEST_TEST_HOOKS)
+    GTEST_SKIP() << "counting wake-ups needs the dispatcher library's test hooks (KEST_TEST_HOOKS)";
+#else
+    namespace hooks = Kest::Msgs::detail::hooks;
+    // The count sees a notify: an accepted put wakes a reader waiting with a
+    // time-out, and one waiting without limit, once each.
+    for (const std::optional<milliseconds> timeout : {std::optional<milliseconds>(20000), std::optional<milliseconds>()}) {
+        auto queue = std::make_shared<MessageQueue_FixedDepth>(1u);
+        Reader reader(queue, timeout);
+        ASSERT_TRUE(reader.waitUntilBlocked());
+        const std::uint64_t before = hooks::readerWakeUps();
+        const MessagePtr message = makeMessage(Identifier(7, 1));
+        ASSERT_TRUE(queue->putMessage(message));
+        ASSERT_TRUE(reader.waitForResult(std::chrono::seconds(5)));
+        EXPECT_EQ(reader.result(), message);
+        EXPECT_EQ(hooks::readerWakeUps(), before + 1) << (timeout ? "timed reader" : "reader without limit");
+    }
+
+    // A refused put: the reader ends by its own time-out, never woken.
+    auto queue = std::make_shared<MessageQueue_FixedDepth>(0u);
+    Reader reader(queue, milliseconds(300));
+    ASSERT_TRUE(reader.waitUntilBlocked());
+    const std::uint64_t before = hooks::readerWakeUps();
+    EXPECT_FALSE(queue->putMessage(makeMessage(Identifier(7, 2))));
+    ASSERT_TRUE(reader.waitForResult(std::chrono::seconds(5)));
+    EXPECT_EQ(reader.result(), nullptr);
+    EXPECT_EQ(hooks::readerWakeUps(), before);
+#endif
 }
 
 TEST(MessageQueue_FixedDepth, NullEntriesCountTowardsTheDepth) {

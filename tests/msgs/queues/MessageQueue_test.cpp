@@ -5,12 +5,16 @@
 
 #include <kest/msgs/queues/MessageQueue.h>
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
+#if defined(KEST_TEST_HOOKS)
+#include <kest/msgs/internal/TestHooks.h>
+#endif
 
 #include <support/QueuesTestSupport.h>
 #include <support/TestSupport.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <list>
 #include <memory>
@@ -288,6 +292,49 @@ TYPED_TEST(BlockingQueue, ReaderWaitingWithoutLimitIsWokenByNullPutAndReturnsEmp
     ASSERT_TRUE(reader.waitForResult(std::chrono::seconds(5))) << "the null entry did not wake the reader";
     EXPECT_EQ(reader.result(), nullptr);
     EXPECT_EQ(queue->getAvailableMessagesCount(), 0u);
+}
+
+#if defined(KEST_TEST_HOOKS)
+namespace {
+
+std::atomic<int> wallReads{0};
+
+// The first read is the one getMessage turns into its wall-clock deadline;
+// from the next one on, the wall clock is an hour ahead.
+std::chrono::system_clock::time_point wallClockJumpingAfterTheDeadline() {
+    const auto now = std::chrono::system_clock::now();
+    return wallReads.fetch_add(1) == 0 ? now : now + std::chrono::hours(1);
+}
+
+// Restores the real clocks, also when a check fails.
+struct RealClocksAtExit {
+    ~RealClocksAtExit() {
+        Kest::Msgs::detail::hooks::setWallNow(nullptr);
+        Kest::Msgs::detail::hooks::setSteadyNow(nullptr);
+    }
+};
+
+}  // namespace
+#endif
+
+TYPED_TEST(BlockingQueue, WallClockJumpingAnHourAheadDoesNotEndATimedWaitEarly) {
+#if !defined(KEST_TEST_HOOKS)
+    GTEST_SKIP() << "replacing the wall clock needs the dispatcher library's test hooks (KEST_TEST_HOOKS)";
+#else
+    // Both deadlines must pass: the wall clock's alone would end the wait at once.
+    auto queue = makeQueue<TypeParam>();
+    RealClocksAtExit restore;
+    wallReads = 0;
+    Kest::Msgs::detail::hooks::setWallNow(&wallClockJumpingAfterTheDeadline);
+    const auto start = steady_clock::now();
+    EXPECT_EQ(queue->getMessage(milliseconds(250)), nullptr);
+    const milliseconds waited = since(start);
+    Kest::Msgs::detail::hooks::setWallNow(nullptr);
+    EXPECT_GE(wallReads.load(), 2) << "getMessage did not read the replaced wall clock";
+    EXPECT_GE(waited, milliseconds(250));
+    // Nor may the jump make the real wait longer (it would sleep an hour).
+    EXPECT_LT(waited, atOnce + milliseconds(250));
+#endif
 }
 
 TYPED_TEST(BlockingQueue, TakeAllAvailableMessagesAppendsOldestFirst) {

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -575,6 +576,28 @@ TEST_F(ServiceRegistry, StoredKeysCarryAHasherWithDestinationObject) {
             << "stored function of type " << entry.first.hashFunction().target_type().name();
         EXPECT_EQ(entry.first.hashFunction()(entry.first), MessageKey::HasherWithDestination()(entry.first));
     }
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ServiceRegistry, CallbackThrowingOnTheNotificationLeavesTheNewRegistrationInPlace) {
+    auto watcher = std::make_shared<Kest::Msgs::MessageCallback>(
+        [](const std::shared_ptr<const Message>&) { throw std::runtime_error("the watcher fails"); });
+    ASSERT_TRUE(dispatcher->subscribe(watcher, {}, kRankNoticeId));
+    auto queue = makeQueue();
+
+    EXPECT_THROW(dispatcher->registerService(queue, kPress, kPrint, 3), std::runtime_error);
+
+    // The change was made before it was announced, and stays.
+    const auto table = servicesTable();
+    ASSERT_EQ(table.count(serviceKey(kPrint, kPress)), 1u);
+    EXPECT_EQ(table.at(serviceKey(kPrint, kPress)).queueCount, 1u);
+    EXPECT_EQ(table.at(serviceKey(kPrint, kPress)).lowestRank, 3u);
+    const auto message = KestTest::makeMessage(kPrint, {"client"}, kPress);
+    EXPECT_TRUE(dispatcher->postMessage(message, nullptr));
+    EXPECT_TRUE(holdsOnly(*queue, message));
 }
 
 }  // namespace
