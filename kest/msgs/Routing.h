@@ -34,8 +34,10 @@ using ServedSet = std::unordered_set<std::shared_ptr<MessageQueueInterface>>;
 // larger ones each candidate key of the message
 // (MessageKey::hashMessagesList) is looked up, in the iteration order of
 // the candidate set, and kept when its entry covers the message. Both find
-// the same entries. The dispatcher posts in exactly this order.
-// Throws std::bad_alloc when memory runs out.
+// the same entries; the dispatcher posts in exactly this order. The set is
+// built only when it matters: the candidates are first probed one key at a
+// time (MessageKey::visitCandidates), and with no covering entry, or one,
+// there is no order to keep. Throws std::bad_alloc when memory runs out.
 template <class T, class Hasher>
 std::vector<T*> findCovering(const std::shared_ptr<const Message>& message,
                              const std::unordered_map<MessageKey, T, Hasher>& table,
@@ -43,19 +45,34 @@ std::vector<T*> findCovering(const std::shared_ptr<const Message>& message,
     std::vector<T*> found;
     found.reserve(20);
     const MessageKey messageKey(*message, MessageKey::HashFunction());
-    if (table.size() > ScanLookupLimit) {
-        for (const MessageKey& candidate : MessageKey::hashMessagesList(messageKey, group)) {
-            auto entry = table.find(candidate);
-            if (entry == table.end() || !entry->first.covers(messageKey)) continue;
-            found.push_back(const_cast<T*>(&entry->second));
-            if (firstOnly) break;
-        }
-    } else {
+    if (table.size() <= ScanLookupLimit) {
         for (const auto& entry : table) {
             if (!entry.first.covers(messageKey)) continue;
             found.push_back(const_cast<T*>(&entry.second));
             if (firstOnly) break;
         }
+        return found;
+    }
+
+    T* first = nullptr;
+    std::size_t covering = 0;
+    const std::vector<std::string>& side =
+        group == MessageKey::HashingGroup::Sender ? messageKey.sender() : messageKey.destination();
+    MessageKey::visitCandidates(messageKey.id(), side, group, [&](const MessageKey& candidate) {
+        auto entry = table.find(candidate);
+        if (entry == table.end() || !entry->first.covers(messageKey)) return true;
+        if (covering++ == 0) first = const_cast<T*>(&entry->second);
+        return covering < 2;
+    });
+    if (covering < 2) {
+        if (first != nullptr) found.push_back(first);
+        return found;
+    }
+    for (const MessageKey& candidate : MessageKey::hashMessagesList(messageKey, group)) {
+        auto entry = table.find(candidate);
+        if (entry == table.end() || !entry->first.covers(messageKey)) continue;
+        found.push_back(const_cast<T*>(&entry->second));
+        if (firstOnly) break;
     }
     return found;
 }
