@@ -288,8 +288,12 @@ Element::operator const Array&() const {
 }
 
 Element::operator const Object&() const {
-    if (type_ != ObjectType) throwWrongKind("object", type_);
-    return *object_;
+    if (type_ == ObjectType) return *object_;
+    // An empty element reads as an object without members, so that a record
+    // read from an empty tree finds every field missing.
+    static const Object noMembers;
+    if (type_ == EmptyType) return noMembers;
+    throwWrongKind("object", type_);
 }
 
 const Element& Object::at(const std::string& name) const {

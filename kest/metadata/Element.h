@@ -89,6 +89,9 @@ public:
     // empty array; every conversion throws on an element of another kind.
     operator Array&();
     operator const Array&() const;
+    // Object access: an empty element reads as an object without members (so
+    // a record read from an empty tree finds every field missing); a number,
+    // string, boolean or array throws.
     operator const Object&() const;
 
 private:

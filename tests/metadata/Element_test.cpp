@@ -248,14 +248,22 @@ TEST(Element, ConstArrayConversionThrowsOnWrongKind) {
 }
 
 TEST(Element, ConstObjectConversionThrowsOnWrongKind) {
-    const Element empty;
     const Element s = text("x");
     const Element a = array();
-    EXPECT_THROW((void)static_cast<const Object&>(empty), MetaDataException);
     EXPECT_THROW((void)static_cast<const Object&>(s), MetaDataException);
     EXPECT_THROW((void)static_cast<const Object&>(a), MetaDataException);
     const Element o = object();
     EXPECT_TRUE(static_cast<const Object&>(o).contains("member"));
+}
+
+TEST(Element, EmptyElementReadsAsAnObjectWithoutMembers) {
+    const Element empty;
+    const Object& members = empty;
+    EXPECT_EQ(members.size(), 0U);
+    EXPECT_FALSE(members.contains("member"));
+    EXPECT_THROW((void)members.at("member"), MetaDataException);
+    // The conversion changes nothing: the element stays empty.
+    EXPECT_EQ(empty.GetElementType(), Element::EmptyType);
 }
 
 TEST(Element, GetAsReadsValueOfItsKind) {
