@@ -1,0 +1,10 @@
+#pragma once
+
+// Every public header of Kest::Net (libKestNet): messages on the wire.
+
+#include <kest/net/GenericMessage.h>
+#include <kest/net/Json.h>
+#include <kest/net/Limits.h>
+#include <kest/net/MessageTypes.h>
+#include <kest/net/Wire.h>
+#include <kest/net/WireError.h>
