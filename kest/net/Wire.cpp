@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <string>
@@ -94,6 +95,20 @@ public:
         }
     }
 
+    // Always float64. The packer's pack_double writes a double that holds
+    // a whole number as an integer, which would change its kind.
+    void float64(double value) {
+        std::uint64_t bits = 0;
+        std::memcpy(&bits, &value, sizeof bits);
+        char bytes[9];
+        bytes[0] = static_cast<char>(0xcb);
+        for (int i = 8; i >= 1; --i) {
+            bytes[i] = static_cast<char>(bits & 0xff);
+            bits >>= 8;
+        }
+        sink_.write(bytes, sizeof bytes);
+    }
+
     void array(std::size_t count) { packer_.pack_array(checkedCount(count, "an array")); }
     void map(std::size_t count) { packer_.pack_map(checkedCount(count, "an object")); }
 
@@ -139,7 +154,7 @@ public:
             case Element::FloatType: {
                 double value = 0.0;
                 Kest::MetaData::GetAs(element, value);
-                packer_.pack_double(value);
+                float64(value);
                 return;
             }
             case Element::BooleanType: {
@@ -388,6 +403,7 @@ public:
         if (!announce(count)) return false;
         const Place place = where();
         Frame frame{};
+        frame.field = Field::None;
         frame.isMap = false;
         frame.size = count;
         switch (place.slot) {
@@ -451,6 +467,7 @@ public:
         if (!announce(std::uint64_t{count} * 2)) return false;
         const Place place = where();
         Frame frame{};
+        frame.field = Field::None;
         frame.isMap = true;
         frame.size = count;
         switch (place.slot) {
