@@ -343,6 +343,10 @@ TEST(WireErrors, AddressThatIsNotAnArrayOfStringsIsRefused) {
     for (const char* name : {"Sender", "Destination"}) {
         expectRefused(wireBytes(goodVersion, goodEnvelope, treeWith(name, [](Packer& p) { packString(p, "a"); })),
                       {"a string as the message's", name});
+        expectRefused(wireBytes(goodVersion, goodEnvelope, treeWith(name, [](Packer& p) { p.pack_uint64(5); })),
+                      {"an unsigned integer as the message's", name});
+        expectRefused(wireBytes(goodVersion, goodEnvelope, treeWith(name, [](Packer& p) { p.pack_map(0); })),
+                      {"a map as the message's", name});
         expectRefused(wireBytes(goodVersion, goodEnvelope, treeWith(name, [](Packer& p) {
                                     p.pack_array(2);
                                     packString(p, "a");
