@@ -81,7 +81,11 @@ public:
 
     bool null() { return place(Element()); }
     bool boolean(bool value) { return place(Element(value)); }
-    bool number_integer(Json::number_integer_t value) { return place(Element(static_cast<long>(value))); }
+    bool number_integer(Json::number_integer_t value) {
+        // Only "-0" comes here without being negative; it is 0, like "0".
+        if (value >= 0) return place(Element(static_cast<unsigned long>(value)));
+        return place(Element(static_cast<long>(value)));
+    }
     bool number_unsigned(Json::number_unsigned_t value) {
         return place(Element(static_cast<unsigned long>(value)));
     }

@@ -809,6 +809,112 @@ private:
 
 [[noreturn]] void decodeError(const std::string& what) { throw WireError("Kest::Net::decode: " + what); }
 
+// A number of any kind as one value: long double holds every unsigned long,
+// long and double exactly.
+bool numberOf(const Element& e, long double& value) {
+    switch (e.GetElementType()) {
+        case Element::NumberType: {
+            unsigned long v = 0;
+            Kest::MetaData::GetAs(e, v);
+            value = v;
+            return true;
+        }
+        case Element::SignedType: {
+            long v = 0;
+            Kest::MetaData::GetAs(e, v);
+            value = v;
+            return true;
+        }
+        case Element::FloatType: {
+            double v = 0;
+            Kest::MetaData::GetAs(e, v);
+            value = v;
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+// Where `written` (what a registered type wrote after reading `received`)
+// says something `received` does not: a member it lacks, another kind, another
+// value. Members `written` leaves out are fine (the type does not know
+// them), and so is a number read into a field of another numeric kind
+// without loss. Empty when there is no such place.
+std::string mismatch(const Element& written, const Element& received, const std::string& path) {
+    long double a = 0;
+    long double b = 0;
+    if (numberOf(written, a) && numberOf(received, b)) {
+        const bool same = (a == b) || (a != a && b != b);  // NaN reads back as NaN
+        return same ? std::string() : path;
+    }
+    if (written.GetElementType() != received.GetElementType()) return path;
+    switch (written.GetElementType()) {
+        case Element::ObjectType: {
+            const Object& w = written;
+            const Object& r = received;
+            for (const auto& member : w) {
+                const std::string where = path + "/" + member.first;
+                if (!r.contains(member.first)) return where;
+                std::string inner = mismatch(member.second, r.at(member.first), where);
+                if (!inner.empty()) return inner;
+            }
+            return std::string();
+        }
+        case Element::ArrayType: {
+            const Array& w = written;
+            const Array& r = received;
+            if (w.size() != r.size()) return path;
+            for (unsigned long i = 0; i < w.size(); ++i) {
+                std::string inner = mismatch(w[i], r[i], path + "/" + std::to_string(i));
+                if (!inner.empty()) return inner;
+            }
+            return std::string();
+        }
+        case Element::StringType: {
+            std::string x, y;
+            Kest::MetaData::GetAs(written, x);
+            Kest::MetaData::GetAs(received, y);
+            return x == y ? std::string() : path;
+        }
+        case Element::BooleanType: {
+            bool x = false, y = false;
+            Kest::MetaData::GetAs(written, x);
+            Kest::MetaData::GetAs(received, y);
+            return x == y ? std::string() : path;
+        }
+        default:
+            return std::string();  // both empty
+    }
+}
+
+// Fills a message of a registered type from `tree` and checks that it holds
+// what the tree says: every required field set, every field whose member
+// the tree has read, and nothing it writes back differing from what it
+// read. A reflector falls back silently on a member it cannot read (resets
+// it, or keeps its default); such a message would not be what was sent,
+// nor encode to what was received. Inside a record field the record's own
+// fields cannot be seen from here: one that cannot read its member is
+// dropped, like a member the record does not know.
+void fill(Message& message, const Element& tree) {
+    message.copyFromMetaData(tree);
+    std::string unset;
+    std::string unread;
+    message.forEachField([&](const Kest::MetaData::ReflectorBase& field) {
+        if (field.initialized()) return;
+        if (unset.empty() && field.isRequired()) unset = field.name();
+        if (unread.empty() && Kest::MetaData::HasElement(tree, field.name())) unread = field.name();
+    });
+    const Identifier id = message.id();
+    const std::string type = "the type registered for identifier " + std::to_string(static_cast<unsigned long>(id));
+    if (!unread.empty()) decodeError("the tree's member /" + unread + " is not in a form " + type + " can hold");
+    if (!unset.empty()) decodeError("the tree lacks \"" + unset + "\", which " + type + " requires");
+    Element written;
+    message.copyToMetaData(written);
+    const std::string where = mismatch(written, tree, "");
+    if (!where.empty()) decodeError("the tree's member " + where + " is not in a form " + type + " can hold");
+}
+
 }  // namespace
 
 std::string encode(const Message& message) { return encode(message, Envelope()); }
@@ -877,7 +983,7 @@ Decoded decodeWithEnvelope(std::string_view bytes, const Limits& limits) {
             parts.resize((*address)->size());
             for (std::size_t i = 0; i < (*address)->size(); ++i) Kest::MetaData::SetAs<std::string>((**address)[i], parts[i]);
         }
-        message->copyFromMetaData(tree);
+        fill(*message, tree);
     } else {
         auto generic = std::make_shared<GenericMessage>(id, std::move(reader.sender), std::move(reader.destination),
                                                         std::move(reader.payload()));

@@ -85,12 +85,21 @@ KEST_NET_API void encodeTo(std::string& out, const Kest::Msgs::Message& message,
 // item of the wrong kind in the envelope or tree, bin or ext values, map
 // keys that are not strings or appear twice, a newer major version, a tree
 // without an unsigned "Id" or a string "Identity", a "Sender" or
-// "Destination" that is not an array of strings. Never reads outside
-// `bytes`; what it allocates is bounded by a multiple of bytes.size()
-// (an array or map never reserves room for more items than the bytes could
-// still hold). The registered type's constructor and copyFromMetaData run
-// as they are: their exceptions pass through, and the diagnostics its
-// reflectors print for malformed fields below the top level are printed.
+// "Destination" that is not an array of strings; and, for a registered
+// type, a tree that the type cannot hold as it is (its reflectors would fall
+// back silently): a required field missing, a top-level member of one of its
+// fields that the field cannot read, or a member it writes back differently
+// from how it was received. Members the type does not know are dropped, as
+// copyFromMetaData drops them; inside a record field, so is a member the
+// record cannot read. A number may fill a field of another numeric kind
+// that holds it exactly. So a decoded message always encodes to a tree that
+// decodes to the same message.
+// Never reads outside `bytes`; what it allocates is bounded by a multiple of
+// bytes.size() (an array or map never reserves room for more items than the
+// bytes could still hold). The registered type's constructor and
+// copyFromMetaData run as they are: their exceptions pass through, and the
+// diagnostic lines address fields print on standard output for malformed
+// addresses inside a payload are printed.
 KEST_NET_API Decoded decodeWithEnvelope(std::string_view bytes, const Limits& limits = Limits());
 
 // decodeWithEnvelope(bytes, limits).message.

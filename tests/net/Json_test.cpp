@@ -86,6 +86,7 @@ TEST(Json, WholeDoubleIsWrittenWithAFractionSoItReadsBackAsADouble) {
 TEST(Json, NumbersReadAsTheKindTheirFormSays) {
     EXPECT_EQ(fromJson("5").GetElementType(), Element::NumberType);
     EXPECT_EQ(fromJson("-5").GetElementType(), Element::SignedType);
+    EXPECT_TRUE(sameTree(fromJson("-0"), Element(0ul)));
     EXPECT_EQ(fromJson("5e0").GetElementType(), Element::FloatType);
     EXPECT_EQ(fromJson("0.0").GetElementType(), Element::FloatType);
     EXPECT_TRUE(sameTree(fromJson("18446744073709551615"), Element(std::numeric_limits<unsigned long>::max())));

@@ -3,10 +3,12 @@
 // unknown versions, garbage, trailing bytes.
 
 #include <kest/metadata/Element.h>
+#include <kest/model/ForwarderNotifications.h>
 #include <kest/model/Message.h>
 #include <kest/model/Reflector.h>
 #include <kest/net.h>
 
+#include <support/TestSupport.h>
 #include <support/TreeSupport.h>
 
 #include "WireTestSupport.h"
@@ -43,6 +45,7 @@ using KestTest::treeWith;
 using KestTest::wireBytes;
 
 using Address = std::vector<std::string>;
+namespace Forwarder = Kest::Msgs::Communications::Forwarder;
 
 static_assert(std::is_base_of_v<std::runtime_error, WireError>);
 
@@ -436,6 +439,131 @@ TEST(WireErrors, GarbageIsRefused) {
         }
     }
     EXPECT_GT(refused, 1900);
+}
+
+// A forwarder notification, type 5, whose "Data" is `data`.
+std::string notificationBytes(const KestTest::Piece& data) {
+    return wireBytes(goodVersion, goodEnvelope, [data](Packer& p) {
+        p.pack_map(5);
+        packString(p, "Data");
+        data(p);
+        packString(p, "Destination");
+        p.pack_array(0);
+        packString(p, "Id");
+        p.pack_uint64(0x0F0D0005);
+        packString(p, "Identity");
+        packString(p, "n-1");
+        packString(p, "Sender");
+        p.pack_array(0);
+    });
+}
+
+void packKey(Packer& p) {
+    p.pack_map(3);
+    packString(p, "Destination");
+    p.pack_array(1);
+    packString(p, "svc");
+    packString(p, "Id");
+    p.pack_uint64(7);
+    packString(p, "Sender");
+    p.pack_array(0);
+}
+
+TEST(WireErrors, RegisteredTypeWithoutItsRequiredFieldIsRefused) {
+    const std::string bytes = wireBytes(goodVersion, goodEnvelope, [](Packer& p) {
+        p.pack_map(2);
+        packString(p, "Id");
+        p.pack_uint64(0x0F0D0005);
+        packString(p, "Identity");
+        packString(p, "n-1");
+    });
+    expectRefused(bytes, {"lacks \"Data\"", "identifier 252510213 requires"});
+}
+
+TEST(WireErrors, RegisteredTypeWhoseRecordFieldCannotHoldTheTreeIsRefused) {
+    const KestTest::Piece goodData = [](Packer& p) {
+        p.pack_map(3);
+        packString(p, "Count");
+        p.pack_uint64(1);
+        packString(p, "Key");
+        packKey(p);
+        packString(p, "Rank");
+        p.pack_uint64(2);
+    };
+    EXPECT_NO_THROW(decode(notificationBytes(goodData)));
+    // A rank of -1 fits no unsigned field: inside the record it is dropped
+    // like a member the record does not know.
+    auto dropped = std::dynamic_pointer_cast<const Forwarder::ServiceRankNotification>(
+        decode(notificationBytes([](Packer& p) {
+            p.pack_map(3);
+            packString(p, "Count");
+            p.pack_uint64(1);
+            packString(p, "Key");
+            packKey(p);
+            packString(p, "Rank");
+            p.pack_fix_int8(-1);
+        })));
+    ASSERT_TRUE(dropped);
+    EXPECT_FALSE(dropped->payload().rank.initialized());
+    // "Data" that is not a record: the field cannot read it.
+    expectRefused(notificationBytes([](Packer& p) { p.pack_uint64(5); }), {"the tree's member /Data", "can hold"});
+    // A key whose address is not an array: the record would keep its default.
+    KestTest::CaptureStdout output;
+    expectRefused(notificationBytes([](Packer& p) {
+                      p.pack_map(1);
+                      packString(p, "Key");
+                      p.pack_map(1);
+                      packString(p, "Sender");
+                      p.pack_uint64(5);
+                  }),
+                  {"the tree's member /Data"});
+    EXPECT_NE(output.text().find("Should have gotten an Array"), std::string::npos);
+}
+
+class Gauge : public Kest::Msgs::Message {
+public:
+    Gauge() : Message(Identifier(0x0E00, 1)), level(this, "Level", false) {}
+    Kest::MetaData::Reflector<int, false, true> level;
+};
+
+TEST(WireErrors, RegisteredTypeWhoseOptionalFieldCannotReadItsMemberIsRefused) {
+    Kest::Net::MessageTypes::add<Gauge>(Identifier(0x0E00, 1));
+    const auto gauge = [](const KestTest::Piece& level) {
+        return wireBytes(goodVersion, goodEnvelope, [level](Packer& p) {
+            p.pack_map(3);
+            packString(p, "Id");
+            p.pack_uint64(0x0E000001);
+            packString(p, "Identity");
+            packString(p, "g-1");
+            packString(p, "Level");
+            level(p);
+        });
+    };
+    auto received = std::dynamic_pointer_cast<const Gauge>(decode(gauge([](Packer& p) { p.pack_fix_int8(-7); })));
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->level(), -7);
+    expectRefused(gauge([](Packer& p) { packString(p, "high"); }), {"the tree's member /Level", "can hold"});
+    expectRefused(gauge([](Packer& p) { p.pack_uint64(1ull << 40); }), {"/Level"});
+}
+
+TEST(WireErrors, RegisteredTypeTakesNumbersOfAnotherKindAndDropsMembersItDoesNotKnow) {
+    // A signed 2 for the unsigned rank, and a member the record does not have.
+    const std::string bytes = notificationBytes([](Packer& p) {
+        p.pack_map(4);
+        packString(p, "Count");
+        p.pack_uint64(1);
+        packString(p, "Key");
+        packKey(p);
+        packString(p, "Later");
+        p.pack_true();
+        packString(p, "Rank");
+        p.pack_fix_int8(2);
+    });
+    auto received = std::dynamic_pointer_cast<const Forwarder::ServiceRankNotification>(decode(bytes));
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->payload().rank(), 2ul);
+    const Element tree = KestTest::treeOf(*received);
+    EXPECT_FALSE(Kest::MetaData::HasElement(tree["Data"], "Later"));
 }
 
 TEST(WireErrors, EncodeRefusesAMessageWithoutIdentity) {
