@@ -2,7 +2,8 @@
 # Builds the libFuzzer targets (the fuzz preset: clang, ASan + UBSan) and runs
 # each one for a while on a copy of the committed corpus under tests/fuzz/corpus/:
 #   scripts/fuzz.sh                     every target, 60 seconds each
-#   scripts/fuzz.sh routing             only the named targets (metadata, routing)
+#   scripts/fuzz.sh routing             only the named targets (metadata, routing,
+#                                       wire, json)
 #   FUZZ_SECONDS=600 scripts/fuzz.sh    longer runs
 # Fails if a fuzzer finds a crash, a leak, a time-out or a broken check, and
 # prints the path of the input that reproduces it. Replay one with
@@ -13,11 +14,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh clang libclang-rt-14-dev cmake make libgtest-dev python3
+scripts/ensure-packages.sh clang libclang-rt-14-dev cmake make libgtest-dev python3 \
+  libmsgpack-cxx-dev nlohmann-json3-dev
 
 seconds="${FUZZ_SECONDS:-60}"
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(metadata routing)
+[ ${#targets[@]} -eq 0 ] && targets=(metadata routing wire json)
 
 cmake --preset fuzz
 fuzzers=()
