@@ -164,7 +164,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const Kest::Net::WireError& error) {
         fail(std::string("re-encoded bytes were refused: ") + error.what());
     }
-    check(typeid(*second.message) == typeid(*first.message), "the type changed on the second round");
+    const Kest::Msgs::Message& firstMessage = *first.message;
+    const Kest::Msgs::Message& secondMessage = *second.message;
+    check(typeid(secondMessage) == typeid(firstMessage), "the type changed on the second round");
     const Element secondTree = KestTest::treeOf(*second.message);
     if (!KestTest::sameTree(firstTree, secondTree)) {
         fail("tree changed on the second round: " + KestTest::describeTree(firstTree) + " then " +
