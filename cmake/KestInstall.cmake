@@ -1,6 +1,6 @@
-# Install rules: headers, the three libraries with their SONAME links, the
-# CMake package KestMessaging and the pkg-config modules kest-messaging and
-# kest-messaging-interfaces.
+# Install rules: headers, the libraries with their SONAME links, the CMake
+# package KestMessaging and the pkg-config modules kest-messaging,
+# kest-messaging-interfaces and (with Kest::Net) kest-net.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -9,10 +9,14 @@ install(TARGETS ${kest_libraries}
   EXPORT KestMessagingTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+set(kest_header_excludes PATTERN "internal" EXCLUDE)
+if(NOT KEST_BUILD_NET)
+  list(APPEND kest_header_excludes PATTERN "net" EXCLUDE PATTERN "net.h" EXCLUDE)
+endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/kest
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h"
-  PATTERN "internal" EXCLUDE)
+  ${kest_header_excludes})
 
 set(kest_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KestMessaging)
 install(EXPORT KestMessagingTargets NAMESPACE Kest:: DESTINATION ${kest_cmake_dir})
@@ -32,7 +36,13 @@ string(REGEX REPLACE "/$" "" kest_pc_to_prefix "${kest_pc_to_prefix}")
 # Two modules: kest-messaging for a program that links the dispatcher, and
 # kest-messaging-interfaces (which the first requires) for a host that loads
 # the dispatcher as a plug-in and links only the interface libraries.
-foreach(module kest-messaging kest-messaging-interfaces)
+# kest-net, for a program that also puts messages on the wire, is a module of
+# its own so that linking the dispatcher does not pull in libKestNet.
+set(kest_pc_modules kest-messaging kest-messaging-interfaces)
+if(KEST_BUILD_NET)
+  list(APPEND kest_pc_modules kest-net)
+endif()
+foreach(module ${kest_pc_modules})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${module}.pc.in
     ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${module}.pc

@@ -6,17 +6,21 @@
 #
 # Every case but install-preset installs <build dir> into the prefix first.
 # Cases:
-#   runpath              the three libraries, their SONAME links and a RUNPATH
+#   runpath              the four libraries, their SONAME links and a RUNPATH
 #                        of exactly $ORIGIN
 #   cmake-consumer       tests/plugin/consumer/ configured with
 #                        find_package(KestMessaging) and built; it holds the
 #                        README's CMake lines for a client. `app` posts a
 #                        message and checks it arrives, `plugin_loader`
 #                        dlopens the installed plug-in and checks its
-#                        dependencies came from beside it; then the consumer
-#                        is installed and its installed `app` run
+#                        dependencies came from beside it, `net_app` (the
+#                        README's Kest::Net lines) puts a message through
+#                        bytes and JSON; then the consumer is installed and
+#                        its installed `app` and `net_app` run
 #   pkg-config-consumer  consumer/app.cpp built and run with the README's
 #                        pkg-config commands, as written
+#   pkg-config-net       consumer/net_app.cpp built and run with the README's
+#                        kest-net pkg-config commands, as written
 #   cxx20-consumer       consumer/cxx20.cpp, which needs C++20, built with
 #                        -std=c++20 and the pkg-config flags after it
 #   plugin-host          consumer/host.cpp built with each of the README's
@@ -26,7 +30,7 @@
 #   install-preset       the README's install commands, as written, in a copy
 #                        of <source dir>, with GoogleTest and Google Benchmark
 #                        hidden from find_package: they must not be looked
-#                        for, and only the libraries are built and installed
+#                        for, and only the four libraries are built and installed
 # Every program runs without LD_LIBRARY_PATH.
 #
 # The README's commands are taken from the fenced block that follows a
@@ -76,7 +80,7 @@ for tool in cmake readelf; do
     command -v "$tool" >/dev/null || fail "$tool not found"
 done
 case $case_name in
-    pkg-config-consumer | cxx20-consumer | plugin-host)
+    pkg-config-consumer | pkg-config-net | cxx20-consumer | plugin-host)
         command -v pkg-config >/dev/null || skip "pkg-config is not installed"
         ;;
 esac
@@ -208,7 +212,7 @@ install_build() {
 
 check_runpath() {
     local name file real soname runpath rpath
-    for name in libKestCore libKestMessages libKestMessageDispatcher; do
+    for name in libKestCore libKestMessages libKestMessageDispatcher libKestNet; do
         file=$libdir/$name.so.0
         [ -e "$file" ] || fail "$file is not installed"
         [ -L "$libdir/$name.so" ] || fail "the development link $libdir/$name.so is missing"
@@ -228,7 +232,12 @@ check_runpath() {
     needed=$(needed_of "$libdir/libKestMessageDispatcher.so.0")
     grep -qx libKestMessages.so.0 <<<"$needed" || fail "the plug-in does not need libKestMessages.so.0"
     grep -qx libKestCore.so.0 <<<"$needed" || fail "the plug-in does not need libKestCore.so.0"
-    echo "runpath: the three libraries are installed with SONAME links and RUNPATH \$ORIGIN"
+    needed=$(needed_of "$libdir/libKestNet.so.0")
+    grep -qx libKestMessageDispatcher.so.0 <<<"$needed" || fail "libKestNet does not need libKestMessageDispatcher.so.0"
+    if grep -Eq 'msgpack|json' <<<"$needed"; then
+        fail "libKestNet needs a library of its header-only dependencies: $needed"
+    fi
+    echo "runpath: the four libraries are installed with SONAME links and RUNPATH \$ORIGIN"
 }
 
 # Configures consumer/ against the prefix into <build dir>.
@@ -252,6 +261,9 @@ check_cmake_consumer() {
     quietly cmake --build "$build" -j 2
 
     run_without_library_path "$build/app" "$libdir" || fail "app failed"
+    check_readme_lines_in cmake-net "$consumer_dir/CMakeLists.txt"
+    [ -x "$build/net_app" ] || fail "the consumer built no net_app: is Kest::Net in the installed package?"
+    run_without_library_path "$build/net_app" "$libdir" || fail "net_app failed"
 
     if needed_of "$build/plugin_loader" | grep -q '^libKest'; then
         fail "plugin_loader links a Kest library, so it proves nothing about \$ORIGIN"
@@ -264,12 +276,13 @@ check_cmake_consumer() {
     quietly cmake --install "$build" --prefix "$installed"
     [ -x "$installed/bin/app" ] || fail "the consumer's app was not installed"
     run_without_library_path "$installed/bin/app" "$libdir" || fail "the installed app failed"
+    run_without_library_path "$installed/bin/net_app" "$libdir" || fail "the installed net_app failed"
 }
 
 check_pkg_config_consumer() {
     local module pc_prefix
     export PKG_CONFIG_PATH=$libdir/pkgconfig
-    for module in kest-messaging kest-messaging-interfaces; do
+    for module in kest-messaging kest-messaging-interfaces kest-net; do
         pc_prefix=$(pkg-config --variable=prefix "$module") || fail "pkg-config does not find $module"
         [ "$(readlink -f "$pc_prefix")" = "$(readlink -f "$prefix")" ] ||
             fail "$module.pc names the prefix '$pc_prefix', not where it was installed ('$prefix')"
@@ -281,6 +294,22 @@ check_pkg_config_consumer() {
     run_readme_block pkg-config-app "$work"
     [ -x "$work/app" ] || fail "the README's pkg-config commands made no ./app"
     run_without_library_path "$work/app" "$libdir" || fail "app built with pkg-config failed"
+}
+
+check_pkg_config_net() {
+    export PKG_CONFIG_PATH=$libdir/pkgconfig
+    # Linking the dispatcher does not pull in Kest::Net.
+    if pkg-config --libs kest-messaging | grep -q -- '-lKestNet'; then
+        fail "kest-messaging links libKestNet"
+    fi
+    pkg-config --libs kest-net | grep -q -- '-lKestNet' || fail "kest-net does not link libKestNet"
+    unset PKG_CONFIG_PATH
+
+    local work
+    work=$(scratch_with pkg-config-net net_app.cpp)
+    run_readme_block pkg-config-net "$work"
+    [ -x "$work/net_app" ] || fail "the README's kest-net pkg-config commands made no ./net_app"
+    run_without_library_path "$work/net_app" "$libdir" || fail "net_app built with pkg-config failed"
 }
 
 check_cxx20_consumer() {
@@ -354,23 +383,25 @@ EOF
     if grep -q -- '-Werror' "$build/compile_commands.json"; then
         fail "the install build turns warnings into errors"
     fi
-    # Built: the three libraries and no program.
+    # Built: the four libraries and no program.
     local built
     built=$(cd "$build" && find . -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print | sed 's|^\./||' | sort)
-    [ "$built" = "$(printf '%s\n' libKestCore.so.0.1.0 libKestMessageDispatcher.so.0.1.0 libKestMessages.so.0.1.0)" ] ||
-        fail "the install build made more or less than the three libraries: $(tr '\n' ' ' <<<"$built")"
+    [ "$built" = "$(printf '%s\n' libKestCore.so.0.1.0 libKestMessageDispatcher.so.0.1.0 libKestMessages.so.0.1.0 \
+                     libKestNet.so.0.1.0)" ] ||
+        fail "the install build made more or less than the four libraries: $(tr '\n' ' ' <<<"$built")"
 
     local file
     for file in lib/libKestCore.so.0 lib/libKestMessages.so.0 lib/libKestMessageDispatcher.so.0 \
-                include/kest/messaging.h lib/cmake/KestMessaging/KestMessagingConfig.cmake \
-                lib/pkgconfig/kest-messaging.pc lib/pkgconfig/kest-messaging-interfaces.pc; do
+                lib/libKestNet.so.0 include/kest/messaging.h include/kest/net.h include/kest/net/Wire.h \
+                lib/cmake/KestMessaging/KestMessagingConfig.cmake lib/pkgconfig/kest-messaging.pc \
+                lib/pkgconfig/kest-messaging-interfaces.pc lib/pkgconfig/kest-net.pc; do
         [ -e "$prefix/$file" ] || fail "$file was not installed"
     done
-    echo "install preset: configured without GoogleTest, built the three libraries only, installed"
+    echo "install preset: configured without GoogleTest, built the four libraries only, installed"
 }
 
 case $case_name in
-    runpath | cmake-consumer | pkg-config-consumer | cxx20-consumer | plugin-host)
+    runpath | cmake-consumer | pkg-config-consumer | pkg-config-net | cxx20-consumer | plugin-host)
         install_build
         "check_${case_name//-/_}"
         ;;
