@@ -1,14 +1,20 @@
 // Messages on the wire: encode and decode of a small message (a Message with
 // a three-part sender) and of one with a 4 KiB payload (a GenericMessage
 // whose tree mixes numbers and strings), each beside its floor: msgpack-cxx
-// packing the same tree from plain structs and containers into the same kind
-// of buffer, and unpacking the same bytes into an object handle. The floor's
+// packing the same tree from plain structs and containers into its own
+// buffer (an sbuffer, kept from one message to the next as encodeTo keeps
+// its string), and unpacking the same bytes into an object handle. The floor's
 // bytes are checked to equal ours before anything is timed, so both sides
 // do the same work.
 //
-// BM_Wire_TreeCopy_4KiB copies the 4 KiB payload's metadata tree: the cost
-// of allocating that tree's nodes, which decoding into a tree cannot avoid
-// and an object handle (one arena) does not pay.
+// BM_Wire_MessageFloor_Small makes the message that decoding the small
+// message returns, as decode makes it, from values at hand. Two measured
+// floors of the tree itself: BM_Wire_TreeRead_4KiB reads every
+// value of the 4 KiB payload through the tree's interface, which encoding a
+// tree cannot avoid and packing plain structs does not pay;
+// BM_Wire_TreeCopy_4KiB copies that tree: allocating its nodes, which
+// decoding into a tree cannot avoid and an object handle (one arena) does
+// not pay.
 
 #include "BenchSupport.h"
 
@@ -32,12 +38,6 @@ using Kest::MetaData::Element;
 using Kest::MetaData::Object;
 using Kest::Net::Envelope;
 using Kest::Net::GenericMessage;
-
-// The packer's stream in both our encoder and the floor: appends to a string.
-struct StringSink {
-    std::string* out;
-    void write(const char* data, std::size_t size) { out->append(data, size); }
-};
 
 Envelope sampleEnvelope() {
     Envelope envelope;
@@ -126,7 +126,7 @@ struct PlainLarge {
     }
 };
 
-constexpr int kReadings = 48;
+constexpr int kReadings = 56;
 constexpr int kSamples = 160;
 constexpr int kOffsets = 64;
 
@@ -175,11 +175,10 @@ const GenericMessage& largeMessage() {
 
 template <class Plain>
 std::string packFloor(const Plain& plain) {
-    std::string out;
-    StringSink sink{&out};
-    msgpack::packer<StringSink> packer(sink);
+    msgpack::sbuffer buffer;
+    msgpack::packer<msgpack::sbuffer> packer(buffer);
     plain.pack(packer);
-    return out;
+    return std::string(buffer.data(), buffer.size());
 }
 
 // Skips the benchmark unless the floor writes exactly our bytes.
@@ -210,15 +209,15 @@ BENCHMARK(BM_Wire_Encode_Small);
 
 void BM_Wire_EncodeFloor_Small(benchmark::State& state) {
     const PlainSmall plain = plainSmall();
-    std::string out;
+    msgpack::sbuffer buffer;
     for (auto _ : state) {
-        out.clear();
-        StringSink sink{&out};
-        msgpack::packer<StringSink> packer(sink);
+        buffer.clear();
+        msgpack::packer<msgpack::sbuffer> packer(buffer);
         plain.pack(packer);
-        benchmark::DoNotOptimize(out.data());
+        benchmark::DoNotOptimize(buffer.data());
     }
-    state.counters["bytes"] = static_cast<double>(out.size());
+    state.counters["bytes"] = static_cast<double>(buffer.size());
+    const std::string out(buffer.data(), buffer.size());
     sameBytes(state, Kest::Net::encode(smallMessage(), sampleEnvelope()), out);
 }
 BENCHMARK(BM_Wire_EncodeFloor_Small);
@@ -243,6 +242,19 @@ void BM_Wire_DecodeFloor_Small(benchmark::State& state) {
 }
 BENCHMARK(BM_Wire_DecodeFloor_Small);
 
+// What decoding the small message must build besides the bytes' items: the
+// message it returns (a GenericMessage with the sender and identity read),
+// made and destroyed. The floor's object handle builds no message.
+void BM_Wire_MessageFloor_Small(benchmark::State& state) {
+    const Message& sent = smallMessage();
+    for (auto _ : state) {
+        auto message = std::make_shared<GenericMessage>(sent.id(), sent.sender(), std::nullopt, Element());
+        message->identity.assign(sent.identity());
+        benchmark::DoNotOptimize(message.get());
+    }
+}
+BENCHMARK(BM_Wire_MessageFloor_Small);
+
 // ---- 4 KiB ---------------------------------------------------------------------
 
 void BM_Wire_Encode_4KiB(benchmark::State& state) {
@@ -259,15 +271,15 @@ BENCHMARK(BM_Wire_Encode_4KiB);
 
 void BM_Wire_EncodeFloor_4KiB(benchmark::State& state) {
     const PlainLarge plain = plainLarge(largeMessage());
-    std::string out;
+    msgpack::sbuffer buffer;
     for (auto _ : state) {
-        out.clear();
-        StringSink sink{&out};
-        msgpack::packer<StringSink> packer(sink);
+        buffer.clear();
+        msgpack::packer<msgpack::sbuffer> packer(buffer);
         plain.pack(packer);
-        benchmark::DoNotOptimize(out.data());
+        benchmark::DoNotOptimize(buffer.data());
     }
-    state.counters["bytes"] = static_cast<double>(out.size());
+    state.counters["bytes"] = static_cast<double>(buffer.size());
+    const std::string out(buffer.data(), buffer.size());
     sameBytes(state, Kest::Net::encode(largeMessage(), sampleEnvelope()), out);
 }
 BENCHMARK(BM_Wire_EncodeFloor_4KiB);
@@ -291,6 +303,58 @@ void BM_Wire_DecodeFloor_4KiB(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(bytes.size());
 }
 BENCHMARK(BM_Wire_DecodeFloor_4KiB);
+
+// Reading every value of the 4 KiB payload's tree through the tree's own
+// interface (GetElementType, GetAs, the containers' iterators), writing
+// nothing: what encoding a tree costs before a byte is packed.
+void readTree(const Element& e, std::string& scratch, std::uint64_t& sum) {
+    switch (e.GetElementType()) {
+        case Element::NumberType: {
+            unsigned long v = 0;
+            Kest::MetaData::GetAs(e, v);
+            sum += v;
+            break;
+        }
+        case Element::SignedType: {
+            long v = 0;
+            Kest::MetaData::GetAs(e, v);
+            sum += static_cast<std::uint64_t>(v);
+            break;
+        }
+        case Element::FloatType: {
+            double v = 0;
+            Kest::MetaData::GetAs(e, v);
+            sum += static_cast<std::uint64_t>(v);
+            break;
+        }
+        case Element::StringType:
+            Kest::MetaData::GetAs(e, scratch);
+            sum += scratch.size();
+            break;
+        case Element::ObjectType:
+            for (const auto& member : static_cast<const Object&>(e)) {
+                sum += member.first.size();
+                readTree(member.second, scratch, sum);
+            }
+            break;
+        case Element::ArrayType:
+            for (const Element& item : static_cast<const Array&>(e)) readTree(item, scratch, sum);
+            break;
+        default:
+            break;
+    }
+}
+
+void BM_Wire_TreeRead_4KiB(benchmark::State& state) {
+    const Element& payload = largeMessage().tree();
+    std::string scratch;
+    for (auto _ : state) {
+        std::uint64_t sum = 0;
+        readTree(payload, scratch, sum);
+        benchmark::DoNotOptimize(sum);
+    }
+}
+BENCHMARK(BM_Wire_TreeRead_4KiB);
 
 void BM_Wire_TreeCopy_4KiB(benchmark::State& state) {
     const Element& payload = largeMessage().tree();
