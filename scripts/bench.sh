@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs the benchmark suite, then writes docs/benchmarks.md with its
+# Builds and runs the benchmark suite (kest_bench, kest_bench_memory and
+# kest_bench_net, whose results stay in build/bench/results/), then writes
+# docs/benchmarks.md with its
 # plots docs/benchmarks_fanout.svg, docs/benchmarks_fanout_fresh.svg and
 # docs/benchmarks_routing.svg through scripts/bench_report.py, which also
 # judges each target met or missed and copies in the hand-kept notes of
@@ -65,12 +67,12 @@ else
   library_commit="unknown (not a git checkout)"
 fi
 cmake --preset bench
-cmake --build --preset bench --target kest_bench kest_bench_memory
+cmake --build --preset bench --target kest_bench kest_bench_memory kest_bench_net
 
 # ---- Run -------------------------------------------------------------------------
 
 mkdir -p "$results" "$report_dir"
-rm -f "$results/kest_bench.json" "$results/memory.json"
+rm -f "$results/kest_bench.json" "$results/memory.json" "$results/kest_bench_net.json"
 read -r load_before _ < /proc/loadavg
 started=$(date +%s)
 
@@ -86,6 +88,17 @@ echo "== timings (kest_bench: $repetitions repetitions of at least ${min_time}s 
   --benchmark_display_aggregates_only=true \
   --benchmark_out="$results/kest_bench.json" \
   --benchmark_out_format=json | tee "$results/kest_bench.txt"
+
+# Encode and decode beside msgpack-cxx's floor. Kept beside the report's
+# inputs (kest_bench_net.json, .txt); the report does not read them yet.
+echo "== wire (kest_bench_net: $repetitions repetitions of at least ${min_time}s each)"
+"$build/bench/kest_bench_net" \
+  --benchmark_repetitions="$repetitions" \
+  --benchmark_min_time="$min_time" \
+  --benchmark_enable_random_interleaving=true \
+  --benchmark_display_aggregates_only=true \
+  --benchmark_out="$results/kest_bench_net.json" \
+  --benchmark_out_format=json | tee "$results/kest_bench_net.txt"
 
 read -r load_after _ < /proc/loadavg
 elapsed=$(($(date +%s) - started))
