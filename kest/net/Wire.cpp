@@ -61,6 +61,7 @@ public:
     StringSink& operator=(const StringSink&) = delete;
 
     __attribute__((always_inline)) void write(const char* data, std::size_t size) {
+        if (size == 0) return;  // `data` may then be null, which memcpy must not get
         if (__builtin_expect(size > out_->size() - used_, 0)) grow(size);
         std::memcpy(&(*out_)[used_], data, size);
         used_ += size;

@@ -233,7 +233,8 @@ check_runpath() {
     grep -qx libKestMessages.so.0 <<<"$needed" || fail "the plug-in does not need libKestMessages.so.0"
     grep -qx libKestCore.so.0 <<<"$needed" || fail "the plug-in does not need libKestCore.so.0"
     needed=$(needed_of "$libdir/libKestNet.so.0")
-    grep -qx libKestMessageDispatcher.so.0 <<<"$needed" || fail "libKestNet does not need libKestMessageDispatcher.so.0"
+    grep -qx libKestMessages.so.0 <<<"$needed" || fail "libKestNet does not need libKestMessages.so.0"
+    grep -qx libKestCore.so.0 <<<"$needed" || fail "libKestNet does not need libKestCore.so.0"
     if grep -Eq 'msgpack|json' <<<"$needed"; then
         fail "libKestNet needs a library of its header-only dependencies: $needed"
     fi
