@@ -52,7 +52,7 @@ void GenericMessage::copyToMetaData(Element& tree) const {
 }
 
 void GenericMessage::copyFromMetaData(const Element& tree) {
-    // The new payload is made first, so that a throw below leaves the old one.
+    // The new payload is made first, so that a failed allocation leaves the old one.
     Element payload = emptyObject();
     if (tree.GetElementType() == Element::ObjectType) {
         for (const auto& member : static_cast<const Object&>(tree)) {

@@ -49,9 +49,10 @@ public:
     void copyToMetaData(Kest::MetaData::Element& tree) const override;
 
     // The Message fields (as Message reads them), then the payload: every
-    // other member of `tree`. Throws what Message::copyFromMetaData throws
-    // for a tree that is not an object (MetaDataException), leaving the
-    // payload as it was.
+    // other member of `tree`. Never throws for the tree's shape: a tree that
+    // is not an object holds no member, so the payload becomes empty, and the
+    // Message fields fall back as Message's reflectors do (scalars reset,
+    // addresses kept with their diagnostic line).
     void copyFromMetaData(const Kest::MetaData::Element& tree) override;
 
 private:

@@ -2,6 +2,7 @@
 #include <kest/model/Message.h>
 #include <kest/net/GenericMessage.h>
 
+#include <support/TestSupport.h>
 #include <support/TreeSupport.h>
 
 #include <gtest/gtest.h>
@@ -120,10 +121,33 @@ TEST(GenericMessage, CopyFromMetaDataReplacesThePreviousPayload) {
     EXPECT_TRUE(sameTree(message.tree(), expected)) << describeTree(message.tree());
 }
 
-TEST(GenericMessage, CopyFromATreeThatIsNotAnObjectThrowsAndKeepsThePayload) {
-    GenericMessage message(Identifier(1), std::nullopt, std::nullopt, samplePayload());
-    EXPECT_THROW(message.copyFromMetaData(Element(5ul)), MetaDataException);
-    EXPECT_TRUE(sameTree(message.tree(), samplePayload()));
+TEST(GenericMessage, CopyFromATreeThatIsNotAnObjectThrowsNothingAndReadsNoPayload) {
+    for (const Element& tree : {Element(5ul), Element("text"), Element(Array{})}) {
+        GenericMessage message(Identifier(1), std::vector<std::string>{"from"}, std::nullopt,
+                               samplePayload());
+        KestTest::CaptureStdout output;
+        EXPECT_NO_THROW(message.copyFromMetaData(tree));
+        // The tree holds no member: the payload is empty, the scalar fields
+        // reset, the set sender keeps its value and says so.
+        EXPECT_TRUE(sameTree(message.tree(), Element(Object{}))) << describeTree(message.tree());
+        EXPECT_EQ(message.id(), Identifier(0));
+        EXPECT_FALSE(message.identity.initialized());
+        ASSERT_TRUE(message.sender.initialized());
+        EXPECT_EQ(message.sender.values(), std::vector<std::string>{"from"});
+        EXPECT_EQ(output.lines(), (std::vector<std::string>{
+                                      "Exception MetaDat::ReflectorArray MetaData Array corrupt for Sender",
+                                      "Exception MetaDat::ReflectorArray MetaData Array corrupt for Destination"}));
+    }
+}
+
+TEST(GenericMessage, CopyFromAnEmptyTreeReadsEveryFieldAsMissing) {
+    GenericMessage message(Identifier(1), std::vector<std::string>{"from"}, std::nullopt, samplePayload());
+    KestTest::CaptureStdout output;
+    message.copyFromMetaData(Element());
+    EXPECT_TRUE(sameTree(message.tree(), Element(Object{})));
+    EXPECT_FALSE(message.sender.initialized());
+    EXPECT_FALSE(message.identity.initialized());
+    EXPECT_EQ(output.text(), "");
 }
 
 }  // namespace
