@@ -1,10 +1,10 @@
-#include <kest/internal/Schedule.h>
 #include <kest/model/ForwarderNotifications.h>
 #include <kest/model/Message.h>
 #include <kest/msgs/MessageDispatcher.h>
 #include <kest/msgs/Routing.h>
 #include <kest/msgs/internal/Delivery.h>
 #include <kest/msgs/internal/Lookup.h>
+#include <kest/msgs/internal/OwnedLock.h>
 
 #include <limits>
 
@@ -15,6 +15,8 @@ namespace Fwd = Communications::Forwarder;
 namespace {
 
 constexpr unsigned long kChangeRank = std::numeric_limits<unsigned long>::max();
+
+constexpr const char* kInsideDelivery = "a delivery of this dispatcher";
 
 }  // namespace
 
@@ -51,7 +53,7 @@ bool MessageDispatcher::removeFirst(RankedQueues& queues, const QueuePtr& queue)
 bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>& address,
                                   const Identifier& id) {
     if (!queue) return false;
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::subscribe", kInsideDelivery);
     MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HasherWithSender());
     Subscribers& subscribers = subscriptions[key];
     if (!subscribers.insert(queue).second) return true;
@@ -61,7 +63,7 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
 
 bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                                     const Identifier& id) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::unsubscribe", kInsideDelivery);
     const MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
@@ -74,7 +76,7 @@ bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::strin
 }
 
 bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::unsubscribeFromAll", kInsideDelivery);
     for (auto entry = subscriptions.begin(); entry != subscriptions.end();) {
         if (entry->second.erase(queue) == 0) {
             ++entry;
@@ -87,7 +89,7 @@ bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) const {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::getSubscriptionsTable", kInsideDelivery);
     for (const auto& entry : subscriptions) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, static_cast<unsigned int>(entry.second.size()));
@@ -99,7 +101,7 @@ std::size_t MessageDispatcher::getSubscriptionsTable(SubscriptionsTable& out) co
 
 bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::string>& destination,
                                         const Identifier& id, unsigned long rank) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::registerService", kInsideDelivery);
     MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination,
                    MessageKey::HasherWithDestination());
     auto entry = services.find(key);
@@ -128,7 +130,7 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
 
 bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                                           const Identifier& id) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::unregisterService", kInsideDelivery);
     const MessageKey key(static_cast<unsigned long>(id), detail::noAddress(), destination,
                          MessageKey::HashFunction());
     auto entry = services.find(key);
@@ -139,7 +141,7 @@ bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std:
 }
 
 bool MessageDispatcher::unregisterAll(QueuePtr queue) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::unregisterAll", kInsideDelivery);
     for (auto entry = services.begin(); entry != services.end();) {
         if (removeFirst(entry->second, queue)) announceRankChange(entry->first, entry->second, queue);
         entry = entry->second.empty() ? services.erase(entry) : std::next(entry);
@@ -148,7 +150,7 @@ bool MessageDispatcher::unregisterAll(QueuePtr queue) {
 }
 
 std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::getServicesTable", kInsideDelivery);
     for (const auto& entry : services) {
         if (entry.second.empty()) continue;
         out.emplace(entry.first, ServiceInfo{entry.second.size(), entry.second.begin()->first});
@@ -159,7 +161,7 @@ std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
 // ---- Posting -------------------------------------------------------------
 
 bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
-    Kest::detail::LockGuard lock(mutex);
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::postMessage", kInsideDelivery);
     // A copy: `message` keeps its reference until after the unlock, so a
     // message that no queue took is released outside the lock.
     return unprotected_postMessage(message, sender);

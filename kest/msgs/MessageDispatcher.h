@@ -8,8 +8,22 @@
 // operation holds the dispatcher's one, non-recursive mutex from entry to
 // return, including the deliveries it causes, so posts are totally ordered.
 // Delivery runs on the calling thread; a queue's lock is taken inside the
-// dispatcher's. Code that runs inside a delivery (a MessageCallback's
-// callback) must not call this dispatcher again: that deadlocks.
+// dispatcher's.
+//
+// Calls from inside a delivery: code that runs inside a delivery of this
+// dispatcher (a MessageCallback's callback, on the posting thread) must not
+// call this dispatcher again, since its mutex is held. Every operation that
+// locks it (all below but unprotected_postMessage, and the inherited
+// disconnectQueue, which calls unsubscribeFromAll first) checks first whether
+// the calling thread holds it already and then throws std::system_error with
+// std::errc::resource_deadlock_would_occur, "<operation>: called from inside
+// a delivery of this dispatcher", having changed nothing, instead of
+// deadlocking. The delivery that was running goes on if the callback catches
+// it. subscribe with an empty queue returns false before this check: it
+// takes no lock, so it cannot deadlock. Other threads, and other
+// dispatchers called from a callback, are not affected; a thread blocked on
+// the mutex of a dispatcher whose holder waits for it in turn (two threads
+// posting into each other's dispatchers from callbacks) is not detected.
 //
 // Lifetime: owned through a std::shared_ptr made from this concrete type. The
 // dispatcher shares ownership of every queue in its tables. Its destructor
@@ -23,11 +37,13 @@
 #include <kest/msgs/Api.h>
 #include <kest/msgs/diagnostics/MessagesHandled.h>
 
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -105,6 +121,10 @@ private:
     std::unordered_map<MessageKey, RankedQueues, MessageKey::HasherWithDestination> services;
     MessagesHandled handled;   // guarded by mutex
     mutable std::mutex mutex;  // guards everything above
+    // The thread that holds mutex, or the empty id: written by the holder
+    // only, so that a call back into this dispatcher from inside one of its
+    // deliveries is refused instead of deadlocking.
+    mutable std::atomic<std::thread::id> owner{std::thread::id()};
 };
 
 }  // namespace Kest::Msgs

@@ -19,8 +19,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -86,6 +88,27 @@ bool finishesWithin(std::chrono::milliseconds limit, Body body) {
         worker.detach();
     }
     return done;
+}
+
+// Runs `body` on a thread of its own and waits up to `limit` for it to end;
+// exceptions of `body` reach the caller. For calls that must not deadlock:
+// a body still running after `limit` is stuck and can never be joined, so
+// the process is ended (std::abort) with a line on standard error that names
+// the test, rather than going on beside a thread that holds who knows what.
+template <class Body>
+void endsWithinOrAbort(std::chrono::milliseconds limit, Body body) {
+    std::packaged_task<void()> task(std::move(body));
+    std::future<void> ended = task.get_future();
+    std::thread worker(std::move(task));
+    if (ended.wait_for(limit) != std::future_status::ready) {
+        std::fprintf(stderr, "%s: still running after %lld ms, deadlocked; ending the process\n",
+                     currentTestName().c_str(), static_cast<long long>(limit.count()));
+        std::fflush(stderr);
+        worker.detach();
+        std::abort();
+    }
+    worker.join();
+    ended.get();
 }
 
 // A thread that makes one getMessage call on a queue: getMessage() when no

@@ -1,7 +1,13 @@
-#include <kest/internal/Schedule.h>
+#include <kest/msgs/internal/OwnedLock.h>
 #include <kest/msgs/queues/MessageCallback.h>
 
 namespace Kest::Msgs {
+
+namespace {
+
+constexpr const char* kInsideCallback = "this queue's own callback";
+
+}  // namespace
 
 MessageCallback::MessageCallback(Callback callback) : callback_(std::move(callback)) {}
 
@@ -12,7 +18,7 @@ std::shared_ptr<const Message> MessageCallback::getMessage(std::chrono::millisec
 }
 
 bool MessageCallback::putMessage(std::shared_ptr<const Message> message) {
-    Kest::detail::LockGuard lock(mutex_);
+    detail::OwnedLock lock(mutex_, runner_, "MessageCallback::putMessage", kInsideCallback);
     callback_(message);  // empty: std::bad_function_call
     return true;
 }
@@ -22,6 +28,7 @@ void MessageCallback::takeAllAvailableMessages(std::list<std::shared_ptr<const M
 unsigned int MessageCallback::getAvailableMessagesCount() const { return 0; }
 
 void MessageCallback::setCallback(Callback callback) {
+    detail::throwIfOwner(runner_, "MessageCallback::setCallback", kInsideCallback);
     callback_.swap(callback);  // the previous callback dies with `callback`, after the exchange
 }
 

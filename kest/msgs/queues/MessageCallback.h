@@ -4,21 +4,28 @@
 // at the moment it is put, to a function on the putting thread.
 //
 // Threads: deliveries are serialised by the object's mutex. The callback runs
-// under that mutex and, for posted messages, under the dispatcher's lock: it
-// must not post to the same dispatcher nor put into the same MessageCallback
-// (that deadlocks, undetected). setCallback and getCallback take no lock: set
-// the callback before handing the object to a dispatcher.
+// under that mutex and, for posted messages, under the dispatcher's lock, so
+// it must not put into the same MessageCallback, nor replace the callback
+// that is running: putMessage and setCallback called from inside this
+// object's own callback (on the thread that runs it) throw std::system_error
+// with std::errc::resource_deadlock_would_occur and change nothing, instead of
+// deadlocking or destroying the running function. Calls back into the
+// dispatcher are refused the same way (see MessageDispatcher). setCallback
+// and getCallback take no lock: set the callback before handing the object to
+// a dispatcher.
 
 #include <kest/components/Component_Base.h>
 #include <kest/model/MessageQueueInterface.h>
 #include <kest/msgs/Api.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Kest::Msgs {
@@ -40,17 +47,26 @@ public:
     // Calls the callback with `message` (a null one too) and returns true.
     // Throws std::bad_function_call when no callback is set; the callback's
     // own exceptions pass through. The object stays usable either way.
+    // Called from inside this object's own callback: throws std::system_error
+    // (std::errc::resource_deadlock_would_occur) and calls nothing. Takes the
+    // object's lock for the call.
     bool putMessage(std::shared_ptr<const Message> message) override;
     // Does nothing: there is nothing stored.
     void takeAllAvailableMessages(std::list<std::shared_ptr<const Message>>& out) override;
     // Always 0.
     unsigned int getAvailableMessagesCount() const override;
+    // Replaces the callback; the previous one is destroyed after the
+    // exchange. Called from inside this object's own callback: throws
+    // std::system_error (std::errc::resource_deadlock_would_occur) and
+    // changes nothing, since it would destroy the running function.
     void setCallback(Callback callback) override;
     Callback getCallback() const override;
 
 private:
     std::mutex mutex_;   // serialises deliveries
     Callback callback_;  // written only by setCallback, before delivery starts
+    // The thread running the callback (holding mutex_), or the empty id.
+    std::atomic<std::thread::id> runner_{std::thread::id()};
 };
 
 }  // namespace Kest::Msgs

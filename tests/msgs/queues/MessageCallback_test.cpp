@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -122,6 +123,103 @@ TEST(MessageCallback, CallbackExceptionPassesThroughAndTheObjectStaysUsable) {
     })) << "the lock stayed held after the callback threw";
     EXPECT_TRUE(*result);
     EXPECT_EQ(*calls, 2);
+}
+
+// ---- Calls from inside the object's own callback --------------------------
+// Each runs on a helper thread with a time limit: a put that locked the
+// object's mutex a second time would hang, and the test then ends the
+// process with a message.
+
+namespace {
+
+constexpr std::chrono::seconds ReentryLimit{20};
+
+bool isDeadlockError(const std::system_error& error) {
+    return error.code() == std::errc::resource_deadlock_would_occur;
+}
+
+}  // namespace
+
+TEST(MessageCallback, PutFromInsideItsOwnCallbackThrowsDeadlockErrorAndTheOuterPutReturnsTrue) {
+    auto callback = std::make_shared<MessageCallback>(Args{});
+    std::vector<MessagePtr> seen;
+    std::string what;
+    bool refused = false;
+    const MessagePtr inner = makeMessage(Identifier(8, 2));
+    callback->setCallback([&](const MessagePtr& message) {
+        seen.push_back(message);
+        if (seen.size() > 1) return;
+        try {
+            callback->putMessage(inner);
+        } catch (const std::system_error& error) {
+            refused = isDeadlockError(error);
+            what = error.what();
+        }
+    });
+    const MessagePtr outer = makeMessage(Identifier(8, 1));
+    bool result = false;
+    KestTest::endsWithinOrAbort(ReentryLimit, [&] { result = callback->putMessage(outer); });
+
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(what.rfind("MessageCallback::putMessage: called from inside this queue's own callback", 0), 0u) << what;
+    // The inner message never reached the callback.
+    EXPECT_EQ(seen, std::vector<MessagePtr>{outer});
+
+    // Afterwards puts work, from another thread and from this one.
+    KestTest::endsWithinOrAbort(ReentryLimit, [&] { result = callback->putMessage(inner); });
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(callback->putMessage(outer));
+    EXPECT_EQ(seen, (std::vector<MessagePtr>{outer, inner, outer}));
+}
+
+TEST(MessageCallback, SetCallbackFromInsideItsOwnCallbackThrowsDeadlockErrorAndKeepsTheRunningOne) {
+    auto callback = std::make_shared<MessageCallback>(Args{});
+    auto runs = std::make_shared<int>(0);
+    auto replacementRuns = std::make_shared<int>(0);
+    bool refused = false;
+    callback->setCallback([&, runs](const MessagePtr&) {
+        ++*runs;
+        try {
+            callback->setCallback([replacementRuns](const MessagePtr&) { ++*replacementRuns; });
+        } catch (const std::system_error& error) {
+            refused = isDeadlockError(error) &&
+                      std::string(error.what()).rfind("MessageCallback::setCallback: called from inside", 0) == 0;
+        }
+        // Still alive and still this function: the state it captured is intact.
+        ++*runs;
+    });
+    bool result = false;
+    KestTest::endsWithinOrAbort(ReentryLimit, [&] { result = callback->putMessage(makeMessage(Identifier(8, 1))); });
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(*runs, 2);
+    // The running callback is still the one set; the replacement was never installed.
+    KestTest::endsWithinOrAbort(ReentryLimit, [&] { result = callback->putMessage(makeMessage(Identifier(8, 2))); });
+    EXPECT_EQ(*runs, 4);
+    EXPECT_EQ(*replacementRuns, 0);
+}
+
+TEST(MessageCallback, SetCallbackOutsideTheCallbackStillReplacesIt) {
+    MessageCallback callback(Args{});
+    int first = 0;
+    int second = 0;
+    callback.setCallback([&](const MessagePtr&) { ++first; });
+    EXPECT_TRUE(callback.putMessage(makeMessage(Identifier(8, 1))));
+    callback.setCallback([&](const MessagePtr&) { ++second; });
+    EXPECT_TRUE(callback.putMessage(makeMessage(Identifier(8, 2))));
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 1);
+}
+
+TEST(MessageCallback, PutIntoAnotherCallbackQueueFromInsideACallbackWorks) {
+    int delivered = 0;
+    auto inner = std::make_shared<MessageCallback>(Callback([&](const MessagePtr&) { ++delivered; }));
+    auto outer = std::make_shared<MessageCallback>(Callback([&](const MessagePtr& message) {
+        EXPECT_TRUE(inner->putMessage(message));
+    }));
+    KestTest::endsWithinOrAbort(ReentryLimit, [&] { EXPECT_TRUE(outer->putMessage(makeMessage(Identifier(8, 1)))); });
+    EXPECT_EQ(delivered, 1);
 }
 
 TEST(MessageCallback, BadFunctionCallLeavesTheObjectUsable) {
