@@ -2,6 +2,7 @@
 #include <kest/model/Message.h>
 #include <kest/msgs/MessageDispatcher.h>
 #include <kest/msgs/Routing.h>
+#include <kest/msgs/internal/Counter.h>
 #include <kest/msgs/internal/Delivery.h>
 #include <kest/msgs/internal/Lookup.h>
 #include <kest/msgs/internal/OwnedLock.h>
@@ -27,8 +28,8 @@ MessageDispatcher::MessageDispatcher(const std::vector<std::string>& /*args*/) {
 template <class Notification>
 void MessageDispatcher::announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed) {
     // A separate control block, as for every message the library makes.
-    std::shared_ptr<const Message> notice(new Notification(Fwd::ServiceData(key, 1, rank)));
-    unprotected_postMessage(std::move(notice), changed);
+    const std::shared_ptr<const Message> notice(new Notification(Fwd::ServiceData(key, 1, rank)));
+    post(notice, changed, false);
 }
 
 // A rank notification with the key's new lowest rank, then a change notification.
@@ -169,8 +170,20 @@ bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, cons
 
 bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> message,
                                                 const QueuePtr& sender) {
-    if (!message) return false;
-    if (!handled.handleMessage(message->identity())) return false;  // a repeat
+    return post(message, sender, true);
+}
+
+bool MessageDispatcher::post(const std::shared_ptr<const Message>& message, const QueuePtr& sender,
+                             bool countServiceRefusal) {
+    if (!message) {
+        detail::countOne(tally.emptyMessages);
+        return false;
+    }
+    if (!handled.handleMessage(message->identity())) {
+        detail::countOne(tally.repeats);
+        return false;
+    }
+    detail::countOne(tally.posts);
 
     detail::ServedQueues served(sender.get());
 
@@ -179,7 +192,7 @@ bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> m
     detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
                             [&](const Subscribers& subscribers) {
                                 for (const QueuePtr& queue : subscribers) {
-                                    detail::deliver(message, queue.get(), served);
+                                    if (!detail::deliver(message, queue.get(), served)) detail::countOne(tally.drops);
                                 }
                                 return true;
                             });
@@ -198,11 +211,24 @@ bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> m
                                         taken = true;
                                         break;
                                     }
+                                    detail::countOne(tally.drops);
                                 }
                                 ok = ok && taken;
                                 return true;
                             });
-    return covered && ok;
+    if (covered && ok) return true;
+    if (countServiceRefusal) detail::countOne(tally.serviceRefusals);
+    return false;
+}
+
+MessageDispatcher::Counters MessageDispatcher::counters() const noexcept {
+    Counters now;
+    now.posts = tally.posts.load(std::memory_order_relaxed);
+    now.repeats = tally.repeats.load(std::memory_order_relaxed);
+    now.emptyMessages = tally.emptyMessages.load(std::memory_order_relaxed);
+    now.serviceRefusals = tally.serviceRefusals.load(std::memory_order_relaxed);
+    now.drops = tally.drops.load(std::memory_order_relaxed);
+    return now;
 }
 
 }  // namespace Kest::Msgs

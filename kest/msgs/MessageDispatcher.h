@@ -39,6 +39,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -111,7 +112,38 @@ public:
     // postMessage for callers that already hold the dispatcher's mutex.
     bool unprotected_postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender);
 
+    // What the dispatcher has done since it was made. Every number only grows.
+    struct Counters {
+        // Messages accepted for delivery: neither empty nor a repeat. The
+        // dispatcher's own notifications count too. Counted when accepted,
+        // before delivery, so a post whose callback throws counts.
+        std::uint64_t posts = 0;
+        // Posts refused because the history holds the message's identity.
+        std::uint64_t repeats = 0;
+        // Posts of an empty message pointer (refused).
+        std::uint64_t emptyMessages = 0;
+        // Accepted posts that returned false for their service half: no
+        // service entry covered the destination, or a covering entry had no
+        // queue that took the message. Not counted for the notifications,
+        // whose result goes to no caller (they carry a set, empty
+        // destination, which few services cover).
+        std::uint64_t serviceRefusals = 0;
+        // Queue refusals: one per "dropping msg" warning printed (a full or
+        // closed queue, an empty service queue pointer), notifications
+        // included.
+        std::uint64_t drops = 0;
+    };
+    // The counters, read without the dispatcher's lock: never blocks, and
+    // may be called from anywhere, a callback included. Each number is one
+    // the counter had during the call; while other threads post, the five
+    // may be of slightly different moments (a drop of a post already counted
+    // may not be counted yet). Exact once the posts have returned.
+    Counters counters() const noexcept;
+
 private:
+    // One post under the lock: unprotected_postMessage, and the
+    // notifications (which do not count their service refusals).
+    bool post(const std::shared_ptr<const Message>& message, const QueuePtr& sender, bool countServiceRefusal);
     template <class Notification>
     void announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed);
     void announceRankChange(const MessageKey& key, const RankedQueues& queues, const QueuePtr& changed);
@@ -125,6 +157,15 @@ private:
     // only, so that a call back into this dispatcher from inside one of its
     // deliveries is refused instead of deadlocking.
     mutable std::atomic<std::thread::id> owner{std::thread::id()};
+    // Written under mutex, read by counters() without it.
+    struct Tally {
+        std::atomic<std::uint64_t> posts{0};
+        std::atomic<std::uint64_t> repeats{0};
+        std::atomic<std::uint64_t> emptyMessages{0};
+        std::atomic<std::uint64_t> serviceRefusals{0};
+        std::atomic<std::uint64_t> drops{0};
+    };
+    Tally tally;
 };
 
 }  // namespace Kest::Msgs

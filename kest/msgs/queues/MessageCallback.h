@@ -45,6 +45,9 @@ public:
     std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) override;
     using MessageQueueInterface::getMessage;
     // Calls the callback with `message` (a null one too) and returns true.
+    // It never refuses a message, so unlike the storing queues this one
+    // counts nothing: a put either reaches the callback or throws to the
+    // caller.
     // Throws std::bad_function_call when no callback is set; the callback's
     // own exceptions pass through. The object stays usable either way.
     // Called from inside this object's own callback: throws std::system_error

@@ -1,4 +1,5 @@
 #include <kest/internal/Schedule.h>
+#include <kest/msgs/internal/Counter.h>
 #include <kest/msgs/internal/TestHooks.h>
 #include <kest/msgs/queues/MessageQueue.h>
 
@@ -42,6 +43,10 @@ std::shared_ptr<const Message> MessageQueue::internalGetImmediateMessage() {
     messages_.pop_front();
     return front;
 }
+
+std::uint64_t MessageQueue::refusedPuts() const noexcept { return refused_.load(std::memory_order_relaxed); }
+
+void MessageQueue::internalCountRefusedPut() noexcept { detail::countOne(refused_); }
 
 unsigned int MessageQueue::getAvailableMessagesCount() const {
     Kest::detail::LockGuard lock(mutex_);

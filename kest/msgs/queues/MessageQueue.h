@@ -15,8 +15,10 @@
 #include <kest/model/MessageQueueInterface.h>
 #include <kest/msgs/Api.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <list>
 #include <memory>
@@ -54,6 +56,10 @@ public:
     // The number of entries (null ones included), cut to 32 bits. Takes the lock.
     unsigned int getAvailableMessagesCount() const override;
 
+    // The number of puts this queue refused (returned false for) since it
+    // was made. Read without the queue's lock: never blocks; a snapshot.
+    std::uint64_t refusedPuts() const noexcept;
+
     // For callers that hold `mutex()`'s lock: append and wake one reader.
     void internalPutMessage(std::shared_ptr<const Message> message);
     // For callers that hold the lock: remove and return the front entry, or
@@ -63,6 +69,8 @@ public:
 protected:
     std::mutex& mutex() const noexcept { return mutex_; }
     unsigned int internalCount() const noexcept { return static_cast<unsigned int>(messages_.size()); }
+    // For callers that hold the lock: count one refused put.
+    void internalCountRefusedPut() noexcept;
 
 private:
     mutable std::mutex mutex_;
@@ -70,6 +78,7 @@ private:
     // list would allocate a node for every message.
     std::deque<std::shared_ptr<const Message>> messages_;  // guarded by mutex_, oldest first
     std::condition_variable available_;                   // signalled on every put
+    std::atomic<std::uint64_t> refused_{0};               // written under mutex_, read without it
 };
 
 }  // namespace Kest::Msgs

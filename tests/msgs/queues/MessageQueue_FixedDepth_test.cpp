@@ -257,3 +257,27 @@ TEST(MessageQueue_FixedDepth, ReachesOneMessageQueueInterfaceThroughBothBases) {
 }
 
 }  // namespace
+
+TEST(MessageQueue_FixedDepth, EveryRefusedPutIsCountedAndNoAcceptedOne) {
+    MessageQueue_FixedDepth queue(2u);
+    EXPECT_EQ(queue.refusedPuts(), 0u);
+    ASSERT_TRUE(queue.putMessage(makeMessage(Identifier(7, 1))));
+    ASSERT_TRUE(queue.putMessage(nullptr));
+    EXPECT_EQ(queue.refusedPuts(), 0u);
+    EXPECT_FALSE(queue.putMessage(makeMessage(Identifier(7, 2))));
+    EXPECT_FALSE(queue.putMessage(nullptr));
+    EXPECT_EQ(queue.refusedPuts(), 2u);
+    ASSERT_NE(queue.getMessage(milliseconds(0)), nullptr);
+    EXPECT_TRUE(queue.putMessage(makeMessage(Identifier(7, 3))));
+    EXPECT_FALSE(queue.putMessage(makeMessage(Identifier(7, 4))));
+    EXPECT_EQ(queue.refusedPuts(), 3u);
+    // Through its interfaces too: the same count.
+    const FixedDepthMessageQueueInterface& asInterface = queue;
+    EXPECT_EQ(dynamic_cast<const MessageQueue&>(asInterface).refusedPuts(), 3u);
+}
+
+TEST(MessageQueue_FixedDepth, DepthZeroCountsEveryPutAsRefused) {
+    MessageQueue_FixedDepth queue(0u);
+    for (int i = 0; i < 5; ++i) EXPECT_FALSE(queue.putMessage(makeMessage(Identifier(7, 1))));
+    EXPECT_EQ(queue.refusedPuts(), 5u);
+}

@@ -414,6 +414,12 @@ TYPED_TEST(BlockingQueue, TakeAllAvailableMessagesNeverBlocksOnAnEmptyQueue) {
     EXPECT_EQ(taken->size(), 1u);
 }
 
+TEST(MessageQueue, OpenQueueRefusesNoPut) {
+    MessageQueue queue;
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(queue.putMessage(i % 2 == 0 ? makeMessage(Identifier(7, 1)) : nullptr));
+    EXPECT_EQ(queue.refusedPuts(), 0u);
+}
+
 TEST(MessageQueue, ConstructorArgumentsHaveNoEffect) {
     using Args = std::vector<std::string>;
     for (const Args& args : {Args{}, Args{"0"}, Args{"1", "x", ""}}) {
