@@ -1,5 +1,4 @@
 #include <kest/internal/Schedule.h>
-#include <kest/msgs/internal/Counter.h>
 #include <kest/msgs/internal/TestHooks.h>
 #include <kest/msgs/queues/MessageQueue.h>
 
@@ -28,9 +27,23 @@ MessageQueue::MessageQueue() = default;
 
 bool MessageQueue::putMessage(std::shared_ptr<const Message> message) {
     Kest::detail::LockGuard lock(mutex_);
+    if (internalIsClosed()) {
+        internalCountRefusedPut();
+        return false;
+    }
     internalPutMessage(std::move(message));
     return true;
 }
+
+void MessageQueue::close() {
+    Kest::detail::LockGuard lock(mutex_);
+    if (internalIsClosed()) return;
+    // Release: a thread that sees isClosed() also sees what came before the close.
+    closed_.store(true, std::memory_order_release);
+    available_.notify_all();
+}
+
+bool MessageQueue::isClosed() const noexcept { return closed_.load(std::memory_order_acquire); }
 
 void MessageQueue::internalPutMessage(std::shared_ptr<const Message> message) {
     messages_.push_back(std::move(message));
@@ -46,8 +59,6 @@ std::shared_ptr<const Message> MessageQueue::internalGetImmediateMessage() {
 
 std::uint64_t MessageQueue::refusedPuts() const noexcept { return refused_.load(std::memory_order_relaxed); }
 
-void MessageQueue::internalCountRefusedPut() noexcept { detail::countOne(refused_); }
-
 unsigned int MessageQueue::getAvailableMessagesCount() const {
     Kest::detail::LockGuard lock(mutex_);
     return internalCount();
@@ -57,11 +68,22 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
     using std::chrono::nanoseconds;
     using std::chrono::steady_clock;
 
+    // What a closed queue still has to give: its front message, null
+    // entries skipped, or nothing.
+    const auto leftover = [this] {
+        while (internalCount() != 0) {
+            if (std::shared_ptr<const Message> message = internalGetImmediateMessage()) return message;
+        }
+        return std::shared_ptr<const Message>();
+    };
+
     Kest::detail::schedulePoint();
     std::unique_lock<std::mutex> lock(mutex_);
     Kest::detail::schedulePoint();
     if (std::shared_ptr<const Message> message = internalGetImmediateMessage()) return message;
-    // A null entry at the front has been dropped; go on as if the queue had been empty.
+    // A null entry at the front has been dropped; go on as if the queue had
+    // been empty. A closed queue is never waited on: what is left, or nothing.
+    if (internalIsClosed()) return leftover();
 
     if (timeout == std::chrono::milliseconds::max()) {
 #if defined(KEST_TEST_HOOKS)
@@ -70,11 +92,12 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
         available_.wait(lock, [this, &waited] {
             if (waited) noteWakeUp();
             waited = true;
-            return internalCount() != 0;
+            return internalCount() != 0 || internalIsClosed();
         });
 #else
-        available_.wait(lock, [this] { return internalCount() != 0; });
+        available_.wait(lock, [this] { return internalCount() != 0 || internalIsClosed(); });
 #endif
+        if (internalIsClosed()) return leftover();
         return internalGetImmediateMessage();
     }
 
@@ -109,6 +132,7 @@ std::shared_ptr<const Message> MessageQueue::getMessage(std::chrono::millisecond
             lock.lock();
         }
         Kest::detail::schedulePoint();
+        if (internalIsClosed()) return leftover();
         const bool wallPassed = WallClock::now() >= wallDeadline;
         const bool steadyPassed = steadyNow() >= steadyDeadline;
         if (wallPassed && steadyPassed) break;

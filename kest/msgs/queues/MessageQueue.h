@@ -7,9 +7,16 @@
 // a writer wakes one waiting reader. A reader waiting in getMessage holds no
 // lock. Each message goes to exactly one reader.
 //
+// Closing: close() ends the queue's life as a receiver. Readers waiting in
+// getMessage return empty at once; later reads return the messages still
+// queued, then empty without waiting; later puts are refused (false), so a
+// dispatcher delivering to a closed queue reports a drop. It is the way to
+// release readers for shutdown: a null message put for that purpose is lost
+// if no reader is waiting yet.
+//
 // Lifetime: owned through a std::shared_ptr made from the concrete type (the
 // dispatcher's tables and the consumer share it). No reader may be waiting
-// when the last owner lets go.
+// when the last owner lets go (close() releases them).
 
 #include <kest/components/Component_Base.h>
 #include <kest/model/MessageQueueInterface.h>
@@ -38,9 +45,10 @@ public:
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
-    // Appends `message` (a null one too) and wakes one reader. Always true.
-    // Takes the queue's lock. Throws std::bad_alloc with nothing queued when
-    // memory runs out.
+    // Appends `message` (a null one too), wakes one reader and returns true;
+    // once the queue is closed, refuses it: false, nothing queued, the
+    // refusal counted. Takes the queue's lock. Throws std::bad_alloc with
+    // nothing queued when memory runs out.
     bool putMessage(std::shared_ptr<const Message> message) override;
 
     // The oldest message. A queued message is returned at once, whatever the
@@ -50,6 +58,10 @@ public:
     // negative time-outs still wait once (returning at once). Empty on
     // time-out. A null entry at the front is dropped on entry; one that
     // arrives while a reader waits is returned to it as an empty result.
+    // On a closed queue: the oldest message left (null entries skipped), or
+    // empty at once when none is left; a reader waiting when the queue is
+    // closed returns at once, with a message only if one was put before the
+    // close and is still there. Takes the queue's lock, not while waiting.
     std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) override;
     using MessageQueueInterface::getMessage;
 
@@ -60,7 +72,15 @@ public:
     // was made. Read without the queue's lock: never blocks; a snapshot.
     std::uint64_t refusedPuts() const noexcept;
 
-    // For callers that hold `mutex()`'s lock: append and wake one reader.
+    // Closes the queue (see above): wakes every waiting reader, and refuses
+    // every later put. Messages already queued stay to be read. Idempotent.
+    // Takes the queue's lock; never blocks otherwise.
+    void close();
+    // True once close() has been called. Read without the lock.
+    bool isClosed() const noexcept;
+
+    // For callers that hold `mutex()`'s lock: append and wake one reader,
+    // whether or not the queue is closed.
     void internalPutMessage(std::shared_ptr<const Message> message);
     // For callers that hold the lock: remove and return the front entry, or
     // an empty pointer when there is none.
@@ -69,8 +89,13 @@ public:
 protected:
     std::mutex& mutex() const noexcept { return mutex_; }
     unsigned int internalCount() const noexcept { return static_cast<unsigned int>(messages_.size()); }
-    // For callers that hold the lock: count one refused put.
-    void internalCountRefusedPut() noexcept;
+    // For callers that hold the lock: count one refused put. Writers hold the
+    // lock, so a load and a store make the increment.
+    void internalCountRefusedPut() noexcept {
+        refused_.store(refused_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    // For callers that hold the lock: whether close() has been called.
+    bool internalIsClosed() const noexcept { return closed_.load(std::memory_order_relaxed); }
 
 private:
     mutable std::mutex mutex_;
@@ -79,6 +104,7 @@ private:
     std::deque<std::shared_ptr<const Message>> messages_;  // guarded by mutex_, oldest first
     std::condition_variable available_;                   // signalled on every put
     std::atomic<std::uint64_t> refused_{0};               // written under mutex_, read without it
+    std::atomic<bool> closed_{false};                     // written under mutex_, read without it
 };
 
 }  // namespace Kest::Msgs

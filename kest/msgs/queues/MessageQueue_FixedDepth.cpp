@@ -14,7 +14,7 @@ std::shared_ptr<const Message> MessageQueue_FixedDepth::getMessage(std::chrono::
 
 bool MessageQueue_FixedDepth::putMessage(std::shared_ptr<const Message> message) {
     Kest::detail::LockGuard lock(mutex());
-    if (maxDepth_.load(std::memory_order_relaxed) <= internalCount()) {
+    if (internalIsClosed() || maxDepth_.load(std::memory_order_relaxed) <= internalCount()) {
         internalCountRefusedPut();
         return false;
     }

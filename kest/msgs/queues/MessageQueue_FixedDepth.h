@@ -30,9 +30,10 @@ public:
 
     std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) override;
     using MessageQueueInterface::getMessage;
-    // Appends and returns true when fewer than the maximum are pending; else
-    // false, with the queue, the message and any waiting reader untouched,
-    // and the refusal counted (refusedPuts).
+    // Appends and returns true when fewer than the maximum are pending and
+    // the queue is open; else false, with the queue, the message and any
+    // waiting reader untouched, and the refusal counted (refusedPuts).
+    // close() and isClosed() are MessageQueue's.
     bool putMessage(std::shared_ptr<const Message> message) override;
     unsigned int getAvailableMessagesCount() const override;
     // A depth of 0 is ignored. Lowering the depth removes nothing.

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -256,6 +257,47 @@ TEST(MessageDispatcherPosting, FullSubscriberPrintsWarningAndTrace) {
                   Warning, "PLOX message is - : sender = [plant][line3], dest = <None>, cat = 256, id = 1"}));
     EXPECT_EQ(shallow->getAvailableMessagesCount(), 1u);
     EXPECT_EQ(deep->getAvailableMessagesCount(), 2u);
+}
+
+TEST(MessageDispatcherPosting, ClosedSubscriberIsReportedAsADropLikeAFullQueue) {
+    MessageDispatcher dispatcher;
+    auto closed = std::make_shared<MessageQueue>();
+    auto open = std::make_shared<MessageQueue>();
+    ASSERT_TRUE(dispatcher.subscribe(closed, {"plant"}, Reading));
+    ASSERT_TRUE(dispatcher.subscribe(open, {"plant"}, Reading));
+    closed->close();
+
+    CaptureStdout capture;
+    EXPECT_TRUE(dispatcher.postMessage(makeMessage(Reading, {"plant", "line3"}), nullptr));
+
+    EXPECT_EQ(capture.lines(),
+              (std::vector<std::string>{
+                  Warning, "PLOX message is - : sender = [plant][line3], dest = <None>, cat = 256, id = 1"}));
+    EXPECT_EQ(open->getAvailableMessagesCount(), 1u);
+    EXPECT_EQ(closed->getAvailableMessagesCount(), 0u);
+    EXPECT_EQ(closed->refusedPuts(), 1u);
+    EXPECT_EQ(dispatcher.counters().drops, 1u);
+}
+
+TEST(MessageDispatcherPosting, ClosedServiceFallsBackToTheNextRankAndAloneFailsThePost) {
+    MessageDispatcher dispatcher;
+    auto closed = std::make_shared<MessageQueue_FixedDepth>(10u);
+    auto next = std::make_shared<MessageQueue>();
+    ASSERT_TRUE(dispatcher.registerService(closed, {"press"}, Request, 1));
+    ASSERT_TRUE(dispatcher.registerService(next, {"press"}, Request, 2));
+    ASSERT_TRUE(dispatcher.registerService(closed, {"alone"}, Request, 1));
+    closed->close();
+
+    CaptureStdout capture;
+    EXPECT_TRUE(dispatcher.postMessage(makeMessage(Request, {"c"}, {"press"}), nullptr));
+    EXPECT_EQ(next->getAvailableMessagesCount(), 1u);
+    EXPECT_FALSE(dispatcher.postMessage(makeMessage(Request, {"c"}, {"alone"}), nullptr));
+
+    const auto lines = capture.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), Warning), 2);
+    EXPECT_EQ(closed->refusedPuts(), 2u);
+    EXPECT_EQ(dispatcher.counters().drops, 2u);
+    EXPECT_EQ(dispatcher.counters().serviceRefusals, 1u);
 }
 
 TEST(MessageDispatcherPosting, RefusingQueueIsTriedAgainUnderEachCoveringKey) {
