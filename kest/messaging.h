@@ -19,6 +19,7 @@
 #include <kest/model/PayloadMessageHelper.h>
 #include <kest/model/Reflector.h>
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/PostScope.h>
 #include <kest/msgs/Routing.h>
 #include <kest/msgs/diagnostics/MessageTrace.h>
 #include <kest/msgs/diagnostics/MessagesHandled.h>

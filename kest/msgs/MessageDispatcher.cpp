@@ -29,7 +29,7 @@ template <class Notification>
 void MessageDispatcher::announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed) {
     // A separate control block, as for every message the library makes.
     const std::shared_ptr<const Message> notice(new Notification(Fwd::ServiceData(key, 1, rank)));
-    post(notice, changed, false);
+    post(notice, changed, PostScope::Both, false);
 }
 
 // A rank notification with the key's new lowest rank, then a change notification.
@@ -170,34 +170,50 @@ bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, cons
 
 bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> message,
                                                 const QueuePtr& sender) {
-    return post(message, sender, true);
+    return post(message, sender, PostScope::Both, true);
 }
 
-bool MessageDispatcher::post(const std::shared_ptr<const Message>& message, const QueuePtr& sender,
+bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender,
+                                    PostScope scope) {
+    detail::OwnedLock lock(mutex, owner, "MessageDispatcher::postMessage", kInsideDelivery);
+    if (scope != PostScope::Subscribers && scope != PostScope::Services && scope != PostScope::Both) return false;
+    // `message` keeps its reference until after the unlock, as in postMessage.
+    return post(message, sender, scope, true);
+}
+
+bool MessageDispatcher::post(const std::shared_ptr<const Message>& message, const QueuePtr& sender, PostScope scope,
                              bool countServiceRefusal) {
     if (!message) {
         detail::countOne(tally.emptyMessages);
         return false;
     }
-    if (!handled.handleMessage(message->identity())) {
+    if (!handled.handleMessage(message->identity(), scope)) {
         detail::countOne(tally.repeats);
         return false;
     }
     detail::countOne(tally.posts);
 
     detail::ServedQueues served(sender.get());
+    const auto half = [scope](PostScope wanted) {
+        return (static_cast<std::uint8_t>(scope) & static_cast<std::uint8_t>(wanted)) != 0;
+    };
 
-    // Deliveries cannot change the tables (they must not call back into this
-    // dispatcher), so the entries are visited while they are found.
-    detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
-                            [&](const Subscribers& subscribers) {
-                                for (const QueuePtr& queue : subscribers) {
-                                    if (!detail::deliver(message, queue.get(), served)) detail::countOne(tally.drops);
-                                }
-                                return true;
-                            });
+    // Deliveries cannot change the tables (a call back into this dispatcher
+    // throws before touching them), so the entries are visited while they
+    // are found.
+    if (half(PostScope::Subscribers)) {
+        detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
+                                [&](const Subscribers& subscribers) {
+                                    for (const QueuePtr& queue : subscribers) {
+                                        if (!detail::deliver(message, queue.get(), served)) {
+                                            detail::countOne(tally.drops);
+                                        }
+                                    }
+                                    return true;
+                                });
+    }
 
-    if (!message->destination.initialized()) return true;
+    if (!half(PostScope::Services) || !message->destination.initialized()) return true;
 
     // Each covering entry: its queues from the lowest rank up, until one takes it.
     bool covered = false;

@@ -35,6 +35,7 @@
 #include <kest/model/MessageDispatcherInterface.h>
 #include <kest/model/MessageKey.h>
 #include <kest/msgs/Api.h>
+#include <kest/msgs/PostScope.h>
 #include <kest/msgs/diagnostics/MessagesHandled.h>
 
 #include <atomic>
@@ -109,6 +110,20 @@ public:
     // the message is released after the dispatcher's lock, not under it.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
 
+    // postMessage for one half of the routing (see PostScope), never to
+    // `sender`. Subscribers: the covering subscribers only; true unless the
+    // message is empty or a repeat. Services: one queue of every covering
+    // service entry only; true for a message without destination (nothing
+    // to do), false as postMessage when no service covers the destination
+    // or some covering entry had no queue that accepted. Both: exactly
+    // postMessage(message, sender) of this class. The history remembers per
+    // message which halves were posted: a half already posted is refused as
+    // a repeat (false, counted), the other half still goes through once.
+    // A value that is no PostScope is refused: false, nothing recorded or
+    // counted. Locks and throws as postMessage. Not virtual: reached through
+    // a MessageDispatcher, not through its interface.
+    bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender, PostScope scope);
+
     // postMessage for callers that already hold the dispatcher's mutex.
     bool unprotected_postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender);
 
@@ -141,9 +156,11 @@ public:
     Counters counters() const noexcept;
 
 private:
-    // One post under the lock: unprotected_postMessage, and the
-    // notifications (which do not count their service refusals).
-    bool post(const std::shared_ptr<const Message>& message, const QueuePtr& sender, bool countServiceRefusal);
+    // One post of `scope` under the lock: unprotected_postMessage, the
+    // scoped post, and the notifications (which do not count their service
+    // refusals).
+    bool post(const std::shared_ptr<const Message>& message, const QueuePtr& sender, PostScope scope,
+              bool countServiceRefusal);
     template <class Notification>
     void announce(const MessageKey& key, unsigned long rank, const QueuePtr& changed);
     void announceRankChange(const MessageKey& key, const RankedQueues& queues, const QueuePtr& changed);

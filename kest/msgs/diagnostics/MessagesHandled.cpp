@@ -26,6 +26,8 @@ MessagesHandled::MessagesHandled(const MessagesHandled& other)
     ring_.assign(other.ring_.begin(), other.ring_.end());
     hashes_.reserve(historyLength_);
     hashes_.assign(other.hashes_.begin(), other.hashes_.end());
+    scopes_.reserve(historyLength_);
+    scopes_.assign(other.scopes_.begin(), other.scopes_.end());
     index_ = other.index_;
 }
 
@@ -55,24 +57,25 @@ MessagesHandled::~MessagesHandled() = default;
 void MessagesHandled::swap(MessagesHandled& other) noexcept {
     ring_.swap(other.ring_);
     hashes_.swap(other.hashes_);
+    scopes_.swap(other.scopes_);
     std::swap(oldest_, other.oldest_);
     index_.swap(other.index_);
     std::swap(historyLength_, other.historyLength_);
 }
 
-bool MessagesHandled::contains(const std::string& id, std::uint64_t hash) const noexcept {
-    if (index_.empty()) return false;
+std::uint32_t MessagesHandled::positionOf(const std::string& id, std::uint64_t hash) const noexcept {
+    if (index_.empty()) return kFree;
     const std::size_t mask = index_.size() - 1;
     const auto tag = static_cast<std::uint32_t>(hash >> 32);
     for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
         const Slot& slot = index_[i];
-        if (slot.position == kFree) return false;
-        if (slot.hashTag == tag && ring_[slot.position] == id) return true;
+        if (slot.position == kFree) return kFree;
+        if (slot.hashTag == tag && ring_[slot.position] == id) return slot.position;
     }
 }
 
 bool MessagesHandled::isMessageHandled(const std::string& id) const {
-    return contains(id, std::hash<std::string>()(id));
+    return positionOf(id, std::hash<std::string>()(id)) != kFree;
 }
 
 bool MessagesHandled::isMessageHandled(const std::string& id) {
@@ -85,16 +88,30 @@ void MessagesHandled::reserveStorage() {
     ring.reserve(historyLength_);
     std::vector<std::uint64_t> hashes;
     hashes.reserve(historyLength_);
+    std::vector<std::uint8_t> scopes;
+    scopes.reserve(historyLength_);
     std::vector<Slot> index(indexSizeFor(historyLength_), Slot{kFree, 0});
     ring_.swap(ring);
     hashes_.swap(hashes);
+    scopes_.swap(scopes);
     index_.swap(index);
     oldest_ = 0;
 }
 
-bool MessagesHandled::handleMessage(const std::string& id) {
+bool MessagesHandled::handleMessage(const std::string& id) { return handleMessage(id, PostScope::Both); }
+
+bool MessagesHandled::handleMessage(const std::string& id, PostScope scope) {
+    const auto bits = static_cast<std::uint8_t>(scope);
+    if (bits == 0 || (bits & ~static_cast<std::uint8_t>(PostScope::Both)) != 0) return false;
     const std::uint64_t hash = std::hash<std::string>()(id);
-    if (contains(id, hash)) return false;  // a repeat keeps its place
+    const std::uint32_t found = positionOf(id, hash);
+    if (found != kFree) {
+        // A repeat in this half is refused; the other half is handled now.
+        // Either way the string keeps its place.
+        if ((scopes_[found] & bits) != 0) return false;
+        scopes_[found] = static_cast<std::uint8_t>(scopes_[found] | bits);
+        return true;
+    }
     if (index_.empty()) reserveStorage();
 
     // Everything that can throw happens before the first change.
@@ -104,6 +121,7 @@ bool MessagesHandled::handleMessage(const std::string& id) {
         // Within the reserved capacity: neither push_back allocates.
         ring_.push_back(std::move(copy));
         hashes_.push_back(hash);
+        scopes_.push_back(bits);
         insertIndex(position, hash);
         return true;
     }
@@ -120,6 +138,7 @@ bool MessagesHandled::handleMessage(const std::string& id) {
         slot.swap(copy);
     }
     hashes_[position] = hash;
+    scopes_[position] = bits;
     insertIndex(position, hash);
     oldest_ = (oldest_ + 1) % ring_.size();
     return true;

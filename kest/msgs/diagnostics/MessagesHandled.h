@@ -5,8 +5,13 @@
 // say) is delivered once. Remembers the last 10000 distinct strings and
 // forgets them strictly in the order in which they were first accepted.
 //
+// Each remembered string carries the scopes (PostScope) in which it was
+// handled, so that the subscriber half and the service half of one message
+// can be handled apart, each once. The plain handleMessage(id) handles both
+// halves at once.
+//
 // Memory: nothing until the first handleMessage, which reserves the storage
-// of the whole history at once (about 650 KB); no container grows after
+// of the whole history at once (about 670 KB); no container grows after
 // that, and a full history of identities of up to 15 characters allocates
 // nothing per message.
 //
@@ -14,6 +19,7 @@
 // calls it only under its own mutex).
 
 #include <kest/msgs/Api.h>
+#include <kest/msgs/PostScope.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -48,6 +54,15 @@ public:
     // call, or copying an `id` longer than the slot it replaces), the
     // history is exactly as before the call.
     bool handleMessage(const std::string& id);
+    // handleMessage(id) for one scope. False when `id` is remembered with a
+    // scope that overlaps `scope` (a repeat in that half), and for a value
+    // that is no PostScope; nothing changes then. For a remembered `id`
+    // handled so far in the other half only, adds `scope` to it (its place in
+    // the history does not change; this allocates nothing) and returns true.
+    // Otherwise remembers `id` with `scope`, as handleMessage(id) does with
+    // both. handleMessage(id, PostScope::Both) is handleMessage(id). Strong
+    // guarantee, as handleMessage(id).
+    bool handleMessage(const std::string& id, PostScope scope);
 
 private:
     // One slot of the open-addressing index: a position in the ring and the
@@ -58,17 +73,19 @@ private:
     };
     static constexpr std::uint32_t kFree = 0xFFFFFFFFu;
 
-    bool contains(const std::string& id, std::uint64_t hash) const noexcept;
+    // The ring position of `id`, or kFree when it is not remembered.
+    std::uint32_t positionOf(const std::string& id, std::uint64_t hash) const noexcept;
     void reserveStorage();
     void insertIndex(std::uint32_t position, std::uint64_t hash) noexcept;
     void eraseIndex(std::uint32_t position) noexcept;
     void swap(MessagesHandled& other) noexcept;
 
     // The remembered strings in a ring, the oldest at oldest_ once the ring is
-    // full; each string's hash beside it. Both are reserved for the whole
+    // full; each string's hash and scopes beside it. All are reserved for the whole
     // history on first use; strings are assigned in place when the ring turns.
     std::vector<std::string> ring_;
     std::vector<std::uint64_t> hashes_;
+    std::vector<std::uint8_t> scopes_;  // the PostScope bits handled, per ring position
     std::size_t oldest_ = 0;
     // Linear probing over positions in ring_; sized on first use for the
     // whole history at most half full. Empty exactly while ring_ is unused.

@@ -20,6 +20,7 @@
 #include <vector>
 
 using Kest::Msgs::MessagesHandled;
+using Kest::Msgs::PostScope;
 namespace Failure = KestTest::AllocationFailure;
 
 namespace {
@@ -76,16 +77,37 @@ std::deque<std::string> fill(MessagesHandled& history, std::size_t count, std::s
     return remembered;
 }
 
-// Makes each allocation of history.handleMessage(id) fail in turn, checking
-// the history after each failure; then checks the completed call. Returns
-// the number of failed calls.
+// Checks, on a copy and within a time limit, that `history` refuses `id` in
+// `handled` and accepts it in the other half (if any).
+void expectScopes(const MessagesHandled& history, const std::string& id, PostScope handled) {
+    auto copy = std::make_shared<MessagesHandled>(history);
+    auto answers = std::make_shared<std::vector<bool>>();
+    const bool ended = KestTest::finishesWithin(std::chrono::seconds(10), [copy, id, handled, answers] {
+        answers->push_back(copy->handleMessage(id, handled));
+        answers->push_back(copy->handleMessage(id, PostScope::Both));
+        if (handled == PostScope::Subscribers) answers->push_back(copy->handleMessage(id, PostScope::Services));
+        if (handled == PostScope::Services) answers->push_back(copy->handleMessage(id, PostScope::Subscribers));
+    });
+    ASSERT_TRUE(ended) << "the history hangs";
+    std::vector<bool> expected{false, false};
+    if (handled != PostScope::Both) expected.push_back(true);
+    EXPECT_EQ(*answers, expected);
+}
+
+// Makes each allocation of history.handleMessage(id) (or of
+// handleMessage(id, scope) for one half) fail in turn, checking the history
+// after each failure; then checks the completed call. Returns the number of
+// failed calls.
 std::size_t failEachAllocationOfHandle(MessagesHandled& history, std::deque<std::string> remembered,
-                                       const std::string& id) {
+                                       const std::string& id, PostScope scope = PostScope::Both) {
     bool accepted = false;
     std::size_t failures = 0;
+    const auto handle = [&] {
+        return scope == PostScope::Both ? history.handleMessage(id) : history.handleMessage(id, scope);
+    };
     // Once a check failed, the history is not called again on this thread:
     // a broken one could loop for ever here, where no time limit applies.
-    Failure::failEachAllocationInTurn([&] { if (!::testing::Test::HasFailure()) accepted = history.handleMessage(id); },
+    Failure::failEachAllocationInTurn([&] { if (!::testing::Test::HasFailure()) accepted = handle(); },
                                       [&](std::size_t n, bool threw) {
                                           SCOPED_TRACE("allocation " + std::to_string(n) + " failed");
                                           ++failures;
@@ -97,6 +119,7 @@ std::size_t failEachAllocationOfHandle(MessagesHandled& history, std::deque<std:
     EXPECT_TRUE(accepted);
     remembered.push_back(id);
     if (remembered.size() > Length) remembered.pop_front();
+    if (!::testing::Test::HasFailure()) expectScopes(history, id, scope);
     if (!::testing::Test::HasFailure()) expectHistory(history, remembered, "never-handled");
     return failures;
 }
@@ -123,6 +146,53 @@ TEST(MessagesHandledAllocation, FailedCallOnAFullHistoryEvictsNothing) {
     remembered.push_back(shortId(Length));
     remembered.pop_front();
     EXPECT_EQ(failEachAllocationOfHandle(history, remembered, longId(2)), 1u);
+}
+
+TEST(MessagesHandledAllocation, FailedFirstScopedCallLeavesTheHistoryEmptyAndUsable) {
+    for (PostScope scope : {PostScope::Subscribers, PostScope::Services}) {
+        MessagesHandled history;
+        EXPECT_GE(failEachAllocationOfHandle(history, {}, longId(0), scope), 4u);
+    }
+}
+
+TEST(MessagesHandledAllocation, FailedScopedCallOnAFullHistoryEvictsNothing) {
+    MessagesHandled history;
+    std::deque<std::string> remembered = fill(history, Length, shortId);
+    ASSERT_TRUE(history.handleMessage(shortId(Length), PostScope::Services));
+    remembered.push_back(shortId(Length));
+    remembered.pop_front();
+    EXPECT_EQ(failEachAllocationOfHandle(history, remembered, longId(3), PostScope::Subscribers), 1u);
+}
+
+TEST(MessagesHandledAllocation, HandlingTheOtherHalfAllocatesNothingAndCannotFail) {
+    MessagesHandled history;
+    std::vector<std::string> ids;
+    for (std::size_t n = 0; n < Length; ++n) {
+        ids.push_back(longId(n));
+        ASSERT_TRUE(history.handleMessage(ids.back(), PostScope::Subscribers));
+    }
+    Failure::resetCount();
+    {
+        Failure::Guard guard(1);  // the first allocation would fail
+        for (const std::string& id : ids) ASSERT_TRUE(history.handleMessage(id, PostScope::Services));
+        EXPECT_FALSE(Failure::failed());
+    }
+    EXPECT_EQ(Failure::allocations(), 0u);
+    for (const std::string& id : ids) ASSERT_FALSE(history.handleMessage(id, PostScope::Services));
+}
+
+TEST(MessagesHandledAllocation, FillingHistoryAllocatesNothingAfterTheFirstCallForShortIdentities) {
+    // Everything a call changes is reserved by the first one: a short
+    // identity (no copy on the heap) can then never fail half-way.
+    for (PostScope scope : {PostScope::Both, PostScope::Subscribers, PostScope::Services}) {
+        MessagesHandled history;
+        ASSERT_TRUE(history.handleMessage(shortId(0), scope));
+        std::vector<std::string> ids;
+        for (std::size_t n = 1; n < Length; ++n) ids.push_back(shortId(n));
+        Failure::resetCount();
+        for (const std::string& id : ids) ASSERT_TRUE(history.handleMessage(id, scope));
+        EXPECT_EQ(Failure::allocations(), 0u);
+    }
 }
 
 TEST(MessagesHandledAllocation, FullHistoryAllocatesNothingForIdentitiesThatFitTheirSlot) {

@@ -9,6 +9,7 @@
 #include <type_traits>
 
 using Kest::Msgs::MessagesHandled;
+using Kest::Msgs::PostScope;
 
 static_assert(MessagesHandled::DefaultHistoryLength == 10000);
 static_assert(std::is_default_constructible_v<MessagesHandled>);
@@ -182,4 +183,101 @@ TEST(MessagesHandled, NonConstLookupAnswersAsTheConstOne) {
     EXPECT_FALSE((history.*query)("b"));
     EXPECT_TRUE((history.*constQuery)("a"));
     EXPECT_FALSE((history.*constQuery)("b"));
+}
+
+// ---- Scopes: the subscriber half and the service half of one message ------
+
+TEST(MessagesHandledScopes, SubscribersThenServicesAreEachAcceptedOnce) {
+    MessagesHandled history;
+    EXPECT_TRUE(history.handleMessage("a", PostScope::Subscribers));
+    EXPECT_TRUE(history.isMessageHandled("a"));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Subscribers));
+    EXPECT_TRUE(history.handleMessage("a", PostScope::Services));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Services));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Subscribers));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Both));
+    EXPECT_FALSE(history.handleMessage("a"));
+}
+
+TEST(MessagesHandledScopes, ServicesThenSubscribersAreEachAcceptedOnce) {
+    MessagesHandled history;
+    EXPECT_TRUE(history.handleMessage("a", PostScope::Services));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Services));
+    EXPECT_TRUE(history.handleMessage("a", PostScope::Subscribers));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Subscribers));
+}
+
+TEST(MessagesHandledScopes, BothAfterEitherHalfIsRefusedAndLeavesTheOtherHalfOpen) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage("s", PostScope::Subscribers));
+    ASSERT_TRUE(history.handleMessage("v", PostScope::Services));
+    EXPECT_FALSE(history.handleMessage("s", PostScope::Both));
+    EXPECT_FALSE(history.handleMessage("v", PostScope::Both));
+    EXPECT_FALSE(history.handleMessage("s"));
+    // The refusal added nothing: the other half is still open.
+    EXPECT_TRUE(history.handleMessage("s", PostScope::Services));
+    EXPECT_TRUE(history.handleMessage("v", PostScope::Subscribers));
+}
+
+TEST(MessagesHandledScopes, EitherHalfAfterBothIsRefused) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage("a"));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Subscribers));
+    EXPECT_FALSE(history.handleMessage("a", PostScope::Services));
+    ASSERT_TRUE(history.handleMessage("b", PostScope::Both));
+    EXPECT_FALSE(history.handleMessage("b"));
+    EXPECT_FALSE(history.handleMessage("b", PostScope::Subscribers));
+}
+
+TEST(MessagesHandledScopes, ValueThatIsNoScopeIsRefusedAndRecordsNothing) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage("half", PostScope::Subscribers));
+    for (unsigned int bits : {0u, 4u, 5u, 7u, 255u}) {
+        const auto scope = static_cast<PostScope>(bits);
+        EXPECT_FALSE(history.handleMessage("new", scope)) << bits;
+        EXPECT_FALSE(history.handleMessage("half", scope)) << bits;
+    }
+    EXPECT_FALSE(history.isMessageHandled("new"));
+    EXPECT_TRUE(history.handleMessage("new"));
+    EXPECT_TRUE(history.handleMessage("half", PostScope::Services));
+}
+
+TEST(MessagesHandledScopes, SecondHalfKeepsTheStringsPlaceInTheHistory) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage(nth(1), PostScope::Subscribers));
+    for (unsigned int n = 2; n <= MessagesHandled::DefaultHistoryLength; ++n) ASSERT_TRUE(history.handleMessage(nth(n)));
+    // The second half of the oldest string does not refresh it ...
+    ASSERT_TRUE(history.handleMessage(nth(1), PostScope::Services));
+    // ... so the next new string still evicts it, both halves at once.
+    ASSERT_TRUE(history.handleMessage(nth(MessagesHandled::DefaultHistoryLength + 1)));
+    EXPECT_FALSE(history.isMessageHandled(nth(1)));
+    EXPECT_TRUE(history.isMessageHandled(nth(2)));
+    EXPECT_TRUE(history.handleMessage(nth(1), PostScope::Subscribers));
+    EXPECT_FALSE(history.isMessageHandled(nth(2)));
+}
+
+TEST(MessagesHandledScopes, EvictedSlotForgetsTheScopesOfItsOldString) {
+    // A string that takes the ring slot of one handled in both halves starts
+    // with its own scope only.
+    MessagesHandled history = fullHistory();
+    ASSERT_TRUE(history.handleMessage("new", PostScope::Subscribers));
+    EXPECT_FALSE(history.isMessageHandled(nth(1)));
+    EXPECT_TRUE(history.handleMessage("new", PostScope::Services));
+}
+
+TEST(MessagesHandledScopes, CopyAndMoveKeepTheScopes) {
+    MessagesHandled history;
+    ASSERT_TRUE(history.handleMessage("a", PostScope::Subscribers));
+    MessagesHandled copy(history);
+    EXPECT_FALSE(copy.handleMessage("a", PostScope::Subscribers));
+    EXPECT_TRUE(copy.handleMessage("a", PostScope::Services));
+    // The original is independent of the copy.
+    EXPECT_TRUE(history.handleMessage("a", PostScope::Services));
+    MessagesHandled assigned;
+    ASSERT_TRUE(history.handleMessage("b", PostScope::Services));
+    assigned = history;
+    EXPECT_TRUE(assigned.handleMessage("b", PostScope::Subscribers));
+    MessagesHandled moved(std::move(history));
+    EXPECT_FALSE(moved.handleMessage("b", PostScope::Services));
+    EXPECT_TRUE(moved.handleMessage("b", PostScope::Subscribers));
 }

@@ -169,6 +169,8 @@ const std::shared_ptr<const Message>& insidePost() {
 std::vector<Operation> operations() {
     return {
         {"postMessage", [](Reentry& r) { r.dispatcher->postMessage(insidePost(), nullptr); }},
+        {"postMessageWithAScope",
+         [](Reentry& r) { r.dispatcher->postMessage(insidePost(), nullptr, PostScope::Subscribers); }},
         {"subscribe",
          [](Reentry& r) { r.dispatcher->subscribe(std::make_shared<MessageQueue>(), {"new"}, Reading); }},
         {"unsubscribe", [](Reentry& r) { r.dispatcher->unsubscribe(r.subscriber, {"plant"}, Reading); }},
@@ -196,7 +198,9 @@ std::vector<Operation> operations() {
 
 // The operation whose name the error carries: disconnectQueue fails in its first step.
 std::string reportedName(const std::string& operation) {
-    return operation == "disconnectQueue" ? "unsubscribeFromAll" : operation;
+    if (operation == "disconnectQueue") return "unsubscribeFromAll";
+    if (operation == "postMessageWithAScope") return "postMessage";
+    return operation;
 }
 
 class CallFromInsideADelivery : public ::testing::TestWithParam<Operation> {};
