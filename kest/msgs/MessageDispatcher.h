@@ -105,8 +105,9 @@ public:
     // destination, to one queue of every covering service entry, never to
     // `sender`. False for an empty or repeated message, for a destination no
     // service covers, and when some covering service entry had no queue that
-    // accepted. Throws MetaDataException for a message without identity.
-    // When no queue took the message and the caller gave up its reference,
+    // accepted. Throws MetaDataException for a message without identity,
+    // and std::system_error (resource_deadlock_would_occur) when called from
+    // inside one of this dispatcher's deliveries. When no queue took the message and the caller gave up its reference,
     // the message is released after the dispatcher's lock, not under it.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
 
@@ -118,8 +119,9 @@ public:
     // or some covering entry had no queue that accepted. Both: exactly
     // postMessage(message, sender) of this class. The history remembers per
     // message which halves were posted: a half already posted is refused as
-    // a repeat (false, counted), the other half still goes through once.
-    // A value that is no PostScope is refused: false, nothing recorded or
+    // a repeat (false, counted), the other half still goes through once. A
+    // queue that is both a covering subscriber and the chosen service gets
+    // one copy per half (an ordinary post gives it one). A value that is no PostScope is refused: false, nothing recorded or
     // counted. Locks and throws as postMessage. Not virtual: reached through
     // a MessageDispatcher, not through its interface.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender, PostScope scope);
