@@ -163,9 +163,9 @@ std::size_t MessageDispatcher::getServicesTable(ServicesTable& out) const {
 
 bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) {
     detail::OwnedLock lock(mutex, owner, "MessageDispatcher::postMessage", kInsideDelivery);
-    // A copy: `message` keeps its reference until after the unlock, so a
-    // message that no queue took is released outside the lock.
-    return unprotected_postMessage(message, sender);
+    // `message` outlives the lock (a parameter ends after the function's
+    // locals), so a message that no queue took is released outside it.
+    return post(message, sender, PostScope::Both, true);
 }
 
 bool MessageDispatcher::unprotected_postMessage(std::shared_ptr<const Message> message,
@@ -177,7 +177,6 @@ bool MessageDispatcher::postMessage(std::shared_ptr<const Message> message, cons
                                     PostScope scope) {
     detail::OwnedLock lock(mutex, owner, "MessageDispatcher::postMessage", kInsideDelivery);
     if (scope != PostScope::Subscribers && scope != PostScope::Services && scope != PostScope::Both) return false;
-    // `message` keeps its reference until after the unlock, as in postMessage.
     return post(message, sender, scope, true);
 }
 
