@@ -49,7 +49,7 @@ done
 # ---- Packages ------------------------------------------------------------------
 
 "$root/scripts/ensure-packages.sh" cmake g++ python3 gnuplot-nox libbenchmark-dev \
-  libboost-dev libzmq3-dev cppzmq-dev libconcurrentqueue-dev libmsgpack-cxx-dev nlohmann-json3-dev
+  libboost-dev libzmq3-dev cppzmq-dev libconcurrentqueue-dev libmsgpack-cxx-dev nlohmann-json3-dev pkg-config
 
 # ---- Build -----------------------------------------------------------------------
 

@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh g++ cmake make libmsgpack-cxx-dev nlohmann-json3-dev
+scripts/ensure-packages.sh g++ cmake make pkg-config libmsgpack-cxx-dev nlohmann-json3-dev libzmq3-dev cppzmq-dev
 
 cmake --preset release -DKEST_BUILD_TESTS=OFF >/dev/null
 cmake --build --preset release --target plugin_host publish_subscribe

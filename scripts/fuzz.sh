@@ -15,7 +15,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/ensure-packages.sh clang libclang-rt-14-dev cmake make libgtest-dev python3 \
-  libmsgpack-cxx-dev nlohmann-json3-dev
+  libmsgpack-cxx-dev nlohmann-json3-dev libzmq3-dev cppzmq-dev pkg-config
 
 seconds="${FUZZ_SECONDS:-60}"
 targets=("$@")
