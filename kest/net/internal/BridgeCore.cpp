@@ -945,6 +945,10 @@ void BridgeCore::handleRoutingUpdate(FrameKind kind, const RoutingUpdate& update
         peer->routingSequence = update.sequence;
     }
     peer->announcedSequence = std::max(peer->announcedSequence, peer->routingSequence);
+    // Published before the acknowledgement, so that a peer that sees it
+    // synced finds its routing in our peers() too.
+    statusDirty_ = true;
+    publish();
     peer->link->sendFrame(encodeAck(Ack{id_, epoch_, peer->epoch, peer->routingSequence}));
 }
 
