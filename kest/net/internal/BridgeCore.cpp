@@ -448,7 +448,11 @@ void BridgeCore::setUp() {
     for (std::uint16_t type : {5, 6, 9, 10}) {
         dispatcher_->subscribe(notifier_, {}, Identifier(Fwd::Category, type));
     }
-    exportDue_ = true;
+    // The routing there is now, before any peer: so that start() returns
+    // with a status that waitSynced can read at once.
+    processedGeneration_ = wake_->generation.load(std::memory_order_acquire);
+    exportDue_ = false;
+    exportRouting();
 
     for (const PeerAddress& peer : configuredPeers_) addPeer(peer.endpoint, false, true, peer.endpoint, peer.key);
     nextTick_ = Clock::now();
@@ -458,6 +462,8 @@ void BridgeCore::setUp() {
         publishedId_ = id_;
         publishedEpoch_ = epoch_;
     }
+    statusDirty_ = true;
+    publish();
 }
 
 // ---- Life cycle ------------------------------------------------------------
