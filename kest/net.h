@@ -1,7 +1,9 @@
 #pragma once
 
-// Every public header of Kest::Net (libKestNet): messages on the wire.
+// Every public header of Kest::Net (libKestNet): messages on the wire and the
+// bridge between processes.
 
+#include <kest/net/Bridge.h>
 #include <kest/net/GenericMessage.h>
 #include <kest/net/Json.h>
 #include <kest/net/Limits.h>

@@ -204,10 +204,10 @@ Link::Link(zmq::context_t& context, const std::string& endpoint, const std::stri
     socket_.set(zmq::sockopt::immediate, 1);
     socket_.set(zmq::sockopt::sndhwm, clampToInt(static_cast<long long>(options.sendBuffer)));
     socket_.set(zmq::sockopt::linger, clampToInt(options.linger.count()));
-    // ZMTP pings find a connection whose other end went silent (a host gone,
-    // a process stopped), so that it is dropped and the link refuses.
-    socket_.set(zmq::sockopt::heartbeat_ivl, clampToInt(options.heartbeatInterval.count()));
-    socket_.set(zmq::sockopt::heartbeat_timeout, clampToInt(options.peerTimeout.count()));
+    // No ZMTP heartbeat time-out: a receiver that is merely slow stops
+    // reading its socket when its queue is full, would miss the pings and
+    // lose its connection with everything queued on it. Liveness is the
+    // bridge's own heartbeat; a silent peer's stand-ins go after peerTimeout.
     if (!options.curveSecretKey.empty()) {
         socket_.set(zmq::sockopt::curve_serverkey, serverKey);
         setNonZeroKeyOptions(socket_, options, publicKey);
@@ -776,14 +776,19 @@ void BridgeCore::handleData(std::string_view body) {
     }
     heard(*peer);
     const std::uint64_t sequence = decoded.envelope.sequence;
+    if (peer->dataBaseline && sequence < peer->expectedData) {
+        // Behind a later one: possible only when a broken connection's last
+        // frames are read after the new connection's first. It was counted
+        // lost with the gap that later one opened, and is dropped so that
+        // order and the counts hold.
+        return;
+    }
     if (peer->dataBaseline && sequence > peer->expectedData) {
         // Sent, but lost with a broken connection.
         tally.dropped.fetch_add(sequence - peer->expectedData, std::memory_order_relaxed);
     }
-    if (!peer->dataBaseline || sequence >= peer->expectedData) {
-        peer->expectedData = sequence + 1;
-        peer->dataBaseline = true;
-    }
+    peer->expectedData = sequence + 1;
+    peer->dataBaseline = true;
     if (decoded.envelope.hops > 0 || (decoded.envelope.scope != Scope::Subscribers &&
                                       decoded.envelope.scope != Scope::Services &&
                                       decoded.envelope.scope != Scope::Both)) {
