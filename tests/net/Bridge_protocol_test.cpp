@@ -11,6 +11,8 @@
 
 #include <zmq.hpp>
 
+#include <msgpack.hpp>
+
 #include <memory>
 #include <string>
 
@@ -79,6 +81,79 @@ TEST(BridgeProtocol, JunkFramesAreCountedAndTheBridgeGoesOn) {
     ASSERT_TRUE(pollUntil(bridge, [&] { return bridge.waitSynced(0ms) && peer.waitSynced(0ms); }));
     other->postMessage(numbered(kReading, 2), nullptr);
     ASSERT_TRUE(pollUntil(bridge, [&] { return inbox.count() == 1; }));
+}
+
+
+// The HELLO a bridge sends, written by hand: [version, id, epoch, key,
+// token, echo, yourEpoch, dataSequence, routingSequence, haveYourRouting,
+// yourRoutingSequence, peers].
+std::string hello(const std::string& id, std::uint64_t epoch, std::uint64_t dataSequence) {
+    msgpack::sbuffer buffer;
+    msgpack::packer<msgpack::sbuffer> p(buffer);
+    p.pack_array(12);
+    p.pack_uint64(1);
+    p.pack(id);
+    p.pack_uint64(epoch);
+    p.pack(std::string());
+    p.pack_uint64(99);
+    p.pack_uint64(0);
+    p.pack_uint64(0);
+    p.pack_uint64(dataSequence);
+    p.pack_uint64(0);
+    p.pack_false();
+    p.pack_uint64(0);
+    p.pack_array(0);
+    return "\x01" + std::string(buffer.data(), buffer.size());
+}
+
+std::string data(const std::string& origin, std::uint64_t epoch, std::uint64_t sequence, std::uint64_t n,
+                 std::uint32_t hops = 0) {
+    Kest::Net::Envelope envelope;
+    envelope.origin = origin;
+    envelope.epoch = epoch;
+    envelope.hops = hops;
+    envelope.scope = Kest::Net::Scope::Subscribers;
+    envelope.sequence = sequence;
+    return "\x10" + Kest::Net::encode(*numbered(kReading, n), envelope);
+}
+
+TEST(BridgeProtocol, GapsInAPeersSequenceAreCountedDroppedAndLateOrForwardedFramesAreNotDelivered) {
+    auto dispatcher = std::make_shared<MessageDispatcher>();
+    BridgeOptions o;
+    o.listen = "tcp://127.0.0.1:*";
+    o.heartbeatInterval = 50ms;
+    o.peerTimeout = 5000ms;
+    Bridge bridge(dispatcher, o);
+    Collector inbox;
+    dispatcher->subscribe(inbox.queue(), {}, kReading);
+    bridge.poll(0ms);
+
+    // A process that is nowhere to be reached: the bridge's connection back fails quietly.
+    const std::string id = "tcp://127.0.0.1:1";
+    zmq::context_t context;
+    zmq::socket_t peer(context, zmq::socket_type::dealer);
+    peer.set(zmq::sockopt::linger, 0);
+    peer.connect(bridge.endpoint());
+    peer.send(zmq::buffer(hello(id, 42, 0)), zmq::send_flags::none);  // nothing sent before
+    peer.send(zmq::buffer(data(id, 42, 0, 100)), zmq::send_flags::none);
+    peer.send(zmq::buffer(data(id, 42, 5, 105)), zmq::send_flags::none);  // 1 to 4 lost
+    peer.send(zmq::buffer(data(id, 42, 3, 103)), zmq::send_flags::none);  // late: counted with the gap
+    peer.send(zmq::buffer(hello(id, 42, 10)), zmq::send_flags::none);     // 6 to 9 lost as well
+    peer.send(zmq::buffer(data(id, 42, 10, 110, 1)), zmq::send_flags::none);  // forwarded once: refused
+    peer.send(zmq::buffer(data(id, 7, 11, 111)), zmq::send_flags::none);  // from an epoch not known
+    peer.send(zmq::buffer(data(id, 42, 11, 111)), zmq::send_flags::none);
+
+    ASSERT_TRUE(pollUntil(bridge, [&] { return inbox.count() >= 3; }));
+    const auto status = peerStatus(bridge, id);
+    ASSERT_EQ(status.id, id);
+    EXPECT_EQ(status.epoch, 42u);
+    EXPECT_EQ(status.counters.received, 3u);
+    EXPECT_EQ(status.counters.dropped, 4u + 4u + 1u + 1u);
+    const auto got = inbox.messages();
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(numberOf(*got[0]), 100u);
+    EXPECT_EQ(numberOf(*got[1]), 105u);
+    EXPECT_EQ(numberOf(*got[2]), 111u);
 }
 
 }  // namespace
