@@ -81,6 +81,16 @@ TEST_P(BridgeInProcess, RemoteSubscriptionShowsAsAStandInAndUnsubscribingRemoves
     EXPECT_EQ(seen.subscriptions[0].id(), static_cast<unsigned long>(kReading));
     EXPECT_EQ(seen.subscriptions[0].sender(), std::vector<std::string>{"plant"});
 
+    // a exports only its own interest, never the stand-in it learned: after a
+    // change of its own routing, b still sees only its own subscriber.
+    Collector other;
+    a.dispatcher->subscribe(other.queue(), {}, kOther);
+    ASSERT_TRUE(a.bridge->waitSynced(kSyncTimeout));
+    TableWatcher watchB(b.dispatcher);
+    EXPECT_EQ(watchB.subscribers(kReading, {"plant"}), 1u);
+    EXPECT_EQ(watchB.subscribers(kOther), 1u);
+    EXPECT_EQ(peerStatus(*b.bridge, a.bridge->endpoint()).subscriptions.size(), 1u);
+
     b.dispatcher->unsubscribe(inbox.queue(), {"plant"}, kReading);
     ASSERT_TRUE(b.bridge->waitSynced(kSyncTimeout));
     EXPECT_EQ(watchA.subscribers(kReading, {"plant"}), 0u);
