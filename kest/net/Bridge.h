@@ -129,6 +129,7 @@ struct BridgeCounters {
     std::uint64_t malformed = 0;            // frames that were not a valid protocol message
     std::uint64_t strayMessages = 0;        // messages from a process not known here (yet)
     std::uint64_t deliveryErrors = 0;       // received messages whose local delivery threw
+    std::uint64_t loopErrors = 0;           // turns of the I/O thread abandoned on an error (out of memory)
 };
 
 class KEST_NET_API Bridge : public Kest::Component_Base {

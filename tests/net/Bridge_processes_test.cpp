@@ -248,7 +248,13 @@ TEST_F(BridgeProcesses, PausedPeerCostsBoundedMemoryAndCountedRefusalsThenResync
     EXPECT_GT(seen.refused, 0u);
     // Offered to b until its time-out, each counted once, sent or refused.
     EXPECT_LE(seen.sent + seen.refused, flood);
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer keeps freed memory in quarantine: resident memory then
+    // says nothing about what the bridge holds.
+    std::cout << "resident memory not checked under AddressSanitizer\n";
+#else
     EXPECT_LT(during - before, 48 * 1024) << "resident memory grew from " << before << " KiB to " << during;
+#endif
 
     // Past the time-out b is dead here: nothing is offered to it any more.
     ASSERT_TRUE(a.wait("wait-sub 1 absent 5000"));

@@ -485,7 +485,13 @@ void BridgeCore::start() {
 void BridgeCore::run() {
     while (!stopRequested_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> loop(loopMutex_);
-        turn(kLongestWait);
+        try {
+            turn(kLongestWait);
+        } catch (const std::exception&) {
+            // Out of memory, or a socket error ZeroMQ reports: the turn is
+            // abandoned, the next one starts afresh.
+            loopErrors_.fetch_add(1, std::memory_order_relaxed);
+        }
     }
     if (finishOnExit_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> loop(loopMutex_);
@@ -648,7 +654,12 @@ bool BridgeCore::turn(std::chrono::milliseconds timeout) {
         wait = std::min(wait, std::chrono::duration_cast<std::chrono::milliseconds>(nextTick_ - now) +
                                   std::chrono::milliseconds(1));
     }
-    zmq::poll(items.data(), items.size(), wait);
+    try {
+        zmq::poll(items.data(), items.size(), wait);
+    } catch (const zmq::error_t& error) {
+        if (error.num() != EINTR) throw;  // a signal: look again next turn
+        return false;
+    }
 
     bool worked = false;
     if (items[2].revents & ZMQ_POLLIN) wake_->drain();
@@ -1359,6 +1370,7 @@ BridgeCounters BridgeCore::counters() const {
     c.malformed = malformed_.load(std::memory_order_relaxed);
     c.strayMessages = strayMessages_.load(std::memory_order_relaxed);
     c.deliveryErrors = deliveryErrors_.load(std::memory_order_relaxed);
+    c.loopErrors = loopErrors_.load(std::memory_order_relaxed);
     return c;
 }
 

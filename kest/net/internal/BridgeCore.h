@@ -265,6 +265,7 @@ private:
     std::atomic<std::uint64_t> malformed_{0};
     std::atomic<std::uint64_t> deliveryErrors_{0};
     std::atomic<std::uint64_t> strayMessages_{0};
+    std::atomic<std::uint64_t> loopErrors_{0};
 
     // Published by the loop for other threads.
     struct Published {
