@@ -5,6 +5,7 @@
 #include <kest/model/Message.h>
 #include <kest/model/MessageQueueInterface.h>
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/PostScope.h>
 #include <kest/msgs/queues/MessageCallback.h>
 #include <kest/net/WireError.h>
 
@@ -54,6 +55,15 @@ constexpr int kFramesPerTurn = 2000;
 constexpr std::chrono::milliseconds kLongestWait{1000};
 
 constexpr const char* kZapEndpoint = "inproc://zeromq.zap.01";
+
+Kest::Msgs::PostScope toPostScope(Scope scope) {
+    switch (scope) {
+        case Scope::Subscribers: return Kest::Msgs::PostScope::Subscribers;
+        case Scope::Services: return Kest::Msgs::PostScope::Services;
+        case Scope::Both: break;
+    }
+    return Kest::Msgs::PostScope::Both;
+}
 
 bool startsWith(const std::string& text, const char* prefix) {
     return text.rfind(prefix, 0) == 0;
@@ -810,12 +820,10 @@ void BridgeCore::handleData(std::string_view body) {
     tally.received.fetch_add(1, std::memory_order_relaxed);
     PostingGuard posting(this);
     try {
-#if __has_include(<kest/msgs/PostScope.h>)
-        dispatcher_->postMessage(std::move(decoded.message), peer->subscriber,
-                                 static_cast<Kest::Msgs::PostScope>(decoded.envelope.scope));
-#else
-        dispatcher_->postMessage(std::move(decoded.message), peer->subscriber);
-#endif
+        // The sender's subscriber stand-in as the sender, also for a copy for
+        // services: the dispatcher counts a sender it meets among the
+        // services as served, which the service stand-in must not be.
+        dispatcher_->postMessage(std::move(decoded.message), peer->subscriber, toPostScope(decoded.envelope.scope));
     } catch (const std::system_error& error) {
         deliveryErrors_.fetch_add(1, std::memory_order_relaxed);
         // poll() called from inside a delivery of the dispatcher: say so.
