@@ -261,8 +261,13 @@ std::uint16_t Element::GetElementType() const noexcept { return type_; }
 
 Element& Element::operator[](const std::string& name) {
     if (type_ == EmptyType) {
-        object_ = std::make_unique<Object>();
+        // The member is made before this element becomes an object, so that
+        // running out of memory leaves it empty.
+        auto object = std::make_unique<Object>();
+        Element& member = (*object)[name];
+        object_ = std::move(object);
         type_ = ObjectType;
+        return member;
     }
     if (type_ != ObjectType) throwWrongKind("object", type_);
     return (*object_)[name];

@@ -10,6 +10,15 @@
 //
 // Errors (a member that is not there, a conversion to the wrong kind, a
 // number read as a type that cannot hold it exactly) throw MetaDataException.
+//
+// Memory: every operation that allocates gives the strong guarantee. When
+// memory runs out it throws std::bad_alloc and leaves every tree as it was
+// (equal by value); a copy or a constructor then makes nothing. Building the
+// text of a MetaDataException allocates too, so an error met while memory
+// runs out may surface as std::bad_alloc instead, again with nothing changed.
+// The operations marked noexcept, the scalar constructors, GetAs and SetAs of
+// numbers and booleans, the lookups of existing members and HasElement
+// allocate nothing.
 
 #include <kest/metadata/Api.h>
 
@@ -60,6 +69,7 @@ public:
     explicit Element(int number) noexcept : Element(static_cast<long>(number)) {}
     explicit Element(double number) noexcept;
     explicit Element(bool flag) noexcept;
+    // Strong guarantee (allocates the text).
     explicit Element(std::string text);
     // `text` must not be null. Without this constructor a string literal would
     // convert to bool rather than to std::string.
@@ -67,10 +77,14 @@ public:
     Element(char) = delete;
     Element(std::nullptr_t) = delete;
 
+    // Deep copies. Strong guarantee: if memory runs out nothing is made and
+    // the source is unchanged.
     explicit Element(const Object& object);
     explicit Element(const Array& array);
     Element(const Element& other);
     Element(Element&& other) noexcept;
+    // Strong guarantee: if memory runs out this element is unchanged. `other`
+    // may be a member of this tree.
     Element& operator=(const Element& other);
     Element& operator=(Element&& other) noexcept;
     ~Element();
@@ -82,11 +96,14 @@ public:
     // Member access. The non-const form turns an empty element into an object
     // and creates the member (empty) when absent; on an element of another kind
     // it throws. The const form throws unless this is an object holding `name`.
+    // Strong guarantee: if memory runs out while the member is created, the
+    // element is unchanged (an empty one stays empty).
     Element& operator[](const std::string& name);
     const Element& operator[](const std::string& name) const;
 
     // Array access. The non-const conversion turns an empty element into an
     // empty array; every conversion throws on an element of another kind.
+    // Strong guarantee: if memory runs out an empty element stays empty.
     operator Array&();
     operator const Array&() const;
     // Object access: an empty element reads as an object without members (so
@@ -133,6 +150,7 @@ public:
     Element& operator[](unsigned long index) { return items_[index]; }
     const Element& operator[](unsigned long index) const { return items_[index]; }
 
+    // Strong guarantee: if memory runs out the array is unchanged.
     void resize(unsigned long count) { items_.resize(count); }
     void push_back(Element element) { items_.push_back(std::move(element)); }
 
@@ -150,7 +168,8 @@ public:
     unsigned long size() const noexcept { return members_.size(); }
     bool contains(const std::string& name) const { return members_.count(name) != 0; }
 
-    // Creates the member, empty, when absent.
+    // Creates the member, empty, when absent. Strong guarantee: if memory
+    // runs out the object is unchanged.
     Element& operator[](const std::string& name) { return members_[name]; }
     // Throws MetaDataException when absent.
     const Element& at(const std::string& name) const;
@@ -188,7 +207,8 @@ inline constexpr bool unsupportedValueType = false;
 //
 // Throws MetaDataException, leaving `value` unchanged, when the element is of
 // another kind or its number does not fit T exactly. Any other T does not
-// compile.
+// compile. Only GetAs<std::string> allocates on success: strong guarantee,
+// `value` is unchanged if memory runs out.
 template <class T>
 void GetAs(const Element& element, T& value) {
     static_assert(detail::unsupportedValueType<T>,
@@ -202,7 +222,8 @@ void GetAs(const Element& element, T& value) {
 // before: unsigned long and unsigned int as an unsigned integer, long and int
 // as a signed integer, double and float as a floating-point number (a float
 // widens exactly), bool as a boolean, std::string as a string. Any other T
-// does not compile. Throws only std::bad_alloc (for a string).
+// does not compile. Throws only std::bad_alloc (for a string), with the strong
+// guarantee: `element` is then unchanged.
 template <class T>
 void SetAs(const T& value, Element& element) {
     static_assert(detail::unsupportedValueType<T>,

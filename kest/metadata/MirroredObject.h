@@ -17,6 +17,7 @@
 #include <kest/metadata/Element.h>
 
 #include <string>
+#include <utility>
 
 namespace Kest::MetaData {
 
@@ -46,7 +47,8 @@ public:
     ReflectorBase(const ReflectorBase&) = delete;
 
     // Copies name, required flag and initialised flag; the record the field
-    // belongs to stays the same.
+    // belongs to stays the same. Strong guarantee: if memory runs out
+    // (copying the name), the field is unchanged.
     ReflectorBase& operator=(const ReflectorBase& other);
 
     void init() noexcept { initialized_ = true; }
@@ -56,13 +58,22 @@ public:
     const std::string& name() const noexcept { return name_; }
     MirroredObject* parent() const noexcept { return parent_; }
 
-    // Throws MetaDataException, naming `where`, when the field holds no value.
+    // Throws MetaDataException, naming `where`, when the field holds no value
+    // (std::bad_alloc instead if memory runs out while its text is built).
     void throwIfUninited(const std::string& where) const;
 
 protected:
     // Copy of `other` (name, flags) registered with `parent` instead of
     // `other`'s record.
     ReflectorBase(MirroredObject* parent, const ReflectorBase& other);
+
+    // Exchanges name and flags with `other`; each stays with its record.
+    // The last step of the fields' copy-and-swap assignments.
+    void swapState(ReflectorBase& other) noexcept {
+        name_.swap(other.name_);
+        std::swap(required_, other.required_);
+        std::swap(initialized_, other.initialized_);
+    }
 
 private:
     friend class MirroredObject;
@@ -86,10 +97,15 @@ public:
     // Assignment leaves the field list alone; the derived record assigns its fields.
     MirroredObject& operator=(const MirroredObject&) noexcept { return *this; }
 
-    // Each initialised field writes itself into `tree` under its name.
+    // Each initialised field writes itself into `tree` under its name. Basic
+    // guarantee: if memory runs out, `tree` is a valid tree holding the
+    // fields written before the failure, the failing one possibly in part;
+    // the record is unchanged.
     void copyToMetaData(Element& tree) const override;
     // Each field reads itself from `tree`; a field whose element is missing or
-    // malformed falls back as its reflector describes.
+    // malformed falls back as its reflector describes. Basic guarantee: if
+    // memory runs out, the fields read before the failure hold what they
+    // read and the others what they held; each field is whole.
     void copyFromMetaData(const Element& tree) override;
 
     // The fields in declaration order; for inspection and tests.
