@@ -35,6 +35,8 @@ ServiceData::ServiceData(const ServiceData& other)
       rank(this, other.rank) {}
 
 ServiceData& ServiceData::operator=(const ServiceData& other) {
+    // Only the key allocates (the names of count and rank fit a string's
+    // own buffer), and each field's assignment changes it whole or not at all.
     key = other.key;
     count = other.count;
     rank = other.rank;

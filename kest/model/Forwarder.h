@@ -44,13 +44,25 @@ public:
 // The payload of a notification: the key that changed, a count and a rank.
 class KEST_MESSAGES_API ServiceData : public MetaData::MirroredObject {
 public:
-    // All fields unset.
+    // All fields unset. Allocates nothing.
     ServiceData();
-    // The key converted to a MessageKeyData; all fields initialised.
+    // The key converted to a MessageKeyData; all fields initialised. These
+    // two copy addresses: std::bad_alloc when memory runs out, nothing made.
     ServiceData(const MessageKey& key, unsigned long count, unsigned long rank);
     ServiceData(const ServiceData& other);
+    // Copies every field. Strong guarantee: if memory runs out, this record
+    // is unchanged.
     ServiceData& operator=(const ServiceData& other);
     ~ServiceData() override;
+
+    // Exchanges the fields' names, flags and values with `other`; each field
+    // stays registered with its own record. Never throws.
+    void swap(ServiceData& other) noexcept {
+        key.swap(other.key);
+        count.swap(other.count);
+        rank.swap(other.rank);
+    }
+    friend void swap(ServiceData& a, ServiceData& b) noexcept { a.swap(b); }
 
     MetaData::Reflector<Structs::MessageKeyData, true, true> key;  // field "Key", required
     MetaData::Reflector<unsigned long, false, true> count;         // field "Count"

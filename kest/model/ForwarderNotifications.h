@@ -24,7 +24,8 @@ namespace Kest::Msgs::Communications::Forwarder {
 
 // The payload of a notification of any of the four kinds, or nullptr for any
 // other message. Throws MetaDataException for a notification whose payload
-// is unset (one read from a tree without a valid "Data").
+// is unset (one read from a tree without a valid "Data"). Allocates nothing
+// when the payload is set.
 inline const ServiceData* notificationPayload(const Message& message) {
     if (const auto* n = dynamic_cast<const ServiceRankNotification*>(&message)) return &n->payload();
     if (const auto* n = dynamic_cast<const ServiceChangeNotification*>(&message)) return &n->payload();

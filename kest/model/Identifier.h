@@ -27,11 +27,14 @@ public:
     constexpr std::uint16_t type() const noexcept { return static_cast<std::uint16_t>(packed_); }
     constexpr operator unsigned long() const noexcept { return packed_; }
 
-    // Writes the packed number into `tree` (SetAs<unsigned long>).
+    // Writes the packed number into `tree` (SetAs<unsigned long>). Allocates
+    // nothing.
     void copyToMetaData(MetaData::Element& tree) const;
     // Reads the packed number from `tree` (GetAs<unsigned long>, so any number
     // that is a whole value from 0 to ULONG_MAX); throws MetaDataException
-    // when `tree` holds anything else, leaving the identifier unchanged.
+    // when `tree` holds anything else, leaving the identifier unchanged
+    // (std::bad_alloc instead if memory runs out while the error's text is
+    // built). Allocates nothing on success.
     void copyFromMetaData(const MetaData::Element& tree);
 
 private:

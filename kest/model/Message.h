@@ -11,6 +11,11 @@
 // Messages are immutable once posted and travel as
 // std::shared_ptr<const Message>; they are shared, never copied, so copying is
 // disabled. A posted message may be read from any thread.
+//
+// Memory: the constructors allocate the addresses (the identity fits a
+// string's own buffer); if memory runs out they throw std::bad_alloc and
+// make nothing. copyToMetaData and copyFromMetaData give the basic guarantee
+// of MirroredObject. makeIdentity and id() allocate nothing.
 
 #include <kest/metadata/MirroredObject.h>
 #include <kest/model/Api.h>

@@ -12,6 +12,11 @@
 // are equal and each of the table key's addresses is a prefix of the message
 // key's address on the same side. An empty address is a prefix of every
 // address, so an empty sender in a subscription means "from any sender".
+//
+// Memory: constructors and copies allocate the addresses; if memory runs out
+// they throw std::bad_alloc and make nothing, and copy assignment leaves the
+// key unchanged (strong guarantee). Comparison, covers, the hashers, the
+// accessors and moves allocate nothing.
 
 #include <kest/model/Api.h>
 
@@ -55,6 +60,18 @@ public:
     // address counts as an empty one.
     MessageKey(const Message& message, HashFunction hasher);
 
+    MessageKey(const MessageKey& other) = default;
+    MessageKey(MessageKey&& other) noexcept = default;
+    // Strong guarantee: if memory runs out, this key is unchanged (copied
+    // member by member it could be left with the new sender and the old
+    // destination).
+    MessageKey& operator=(const MessageKey& other) {
+        if (this != &other) *this = MessageKey(other);
+        return *this;
+    }
+    MessageKey& operator=(MessageKey&& other) noexcept = default;
+    ~MessageKey() = default;
+
     unsigned long id() const noexcept { return id_; }
     const std::vector<std::string>& sender() const noexcept { return sender_; }
     const std::vector<std::string>& destination() const noexcept { return destination_; }
@@ -72,7 +89,8 @@ public:
     // group Sender gives (identifier, each prefix of the sender, empty
     // destination), from the empty prefix to the whole address; group
     // Destination gives (identifier, empty sender, each prefix of the
-    // destination). Keys are built with an empty hash function.
+    // destination). Keys are built with an empty hash function. Throws
+    // std::bad_alloc when memory runs out; `key` is unchanged.
     static std::unordered_set<MessageKey, Hasher> hashMessagesList(const MessageKey& key,
                                                                    HashingGroup group);
 
@@ -80,7 +98,8 @@ public:
     // return for a key with identifier `id` and `address` on the side `group`
     // names, longest prefix first, until visit returns false. The set is not
     // built: the candidates are one key whose address is shortened in place
-    // between calls, so nothing is allocated beyond one copy of `address`.
+    // between calls, so nothing is allocated beyond one copy of `address`
+    // (std::bad_alloc before the first call of `visit` if that fails).
     template <class Visit>
     static void visitCandidates(unsigned long id, const std::vector<std::string>& address,
                                 HashingGroup group, Visit&& visit) {

@@ -24,14 +24,18 @@ MessageKeyData::~MessageKeyData() = default;
 
 MessageKeyData& MessageKeyData::operator=(const MessageKeyData& other) {
     if (this == &other) return *this;
+    // The addresses are the only parts that allocate: copy them aside first,
+    // so that running out of memory leaves this record as it was.
+    ReflectedAddress newSender(nullptr, other.sender);
+    ReflectedAddress newDestination(nullptr, other.destination);
     if (other.id.initialized()) {
         id.assign(other.id());
     } else {
         id.reset();
         if (id.isRequired()) id.init();
     }
-    sender = other.sender;
-    destination = other.destination;
+    sender.swap(newSender);
+    destination.swap(newDestination);
     return *this;
 }
 

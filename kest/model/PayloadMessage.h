@@ -26,6 +26,10 @@
 //
 // A message is immutable once posted and may then be read from any thread;
 // building one is not thread-safe.
+//
+// Memory: the constructors copy the addresses and the payload; if memory
+// runs out they throw std::bad_alloc and make nothing (the default one
+// allocates nothing). payload() allocates nothing.
 
 #include <kest/metadata/MirroredObject.h>
 #include <kest/model/Identifier.h>

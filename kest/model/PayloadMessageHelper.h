@@ -2,6 +2,10 @@
 
 // PayloadMessageHelper: a message of base class BaseT with type number N
 // whose one own field is a payload record, reflected under the name "Data".
+//
+// Memory: the constructors copy the payload (and the addresses given); if
+// memory runs out they throw std::bad_alloc and make nothing. The default
+// constructor and payload() allocate nothing.
 
 #include <kest/model/Api.h>
 #include <kest/model/Reflector.h>

@@ -25,12 +25,22 @@
 // corrupt for <name>" and keeps its value. Reading the value of an unset
 // scalar or record field with operator()() throws MetaDataException.
 //
+// Memory: running out of memory is not a malformed tree. Reading a field
+// then throws std::bad_alloc and leaves the field as it was (a record field:
+// each of its fields holds its old or its new value), with no diagnostic
+// line; a record read field by field keeps what its earlier fields read.
+// Assigning a field (operator=, assign) gives the strong guarantee: if
+// memory runs out, the field is unchanged. Writing a field into a tree gives
+// the basic one: the tree stays a valid tree that may hold the field partly
+// written (an array of the right length with only its first entries set).
+//
 // Not thread-safe; see MirroredObject.
 
 #include <kest/metadata/Element.h>
 #include <kest/metadata/MirroredObject.h>
 #include <kest/model/Api.h>
 
+#include <new>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -97,9 +107,22 @@ public:
     // Copy of `other` registered with `parent`.
     ReflectorNoWriteParend(MirroredObject* parent, const ReflectorNoWriteParend& other)
         : ReflectorBase(parent, other), value_(other.value_) {}
+    // Copies name, flags and value; the field stays with its record. Strong
+    // guarantee for every value type that swaps without throwing (the
+    // scalars, Identifier and the records of this library): if memory runs
+    // out, the field is unchanged. For a record type without a non-throwing
+    // swap, as strong as that record's own assignment.
     ReflectorNoWriteParend& operator=(const ReflectorNoWriteParend& other) {
-        ReflectorBase::operator=(other);
-        value_ = other.value_;
+        if constexpr (std::is_nothrow_swappable_v<T>) {
+            if (this != &other) {
+                // Everything that allocates happens in the copy.
+                ReflectorNoWriteParend copy(nullptr, other);
+                swap(copy);
+            }
+        } else {
+            ReflectorBase::operator=(other);
+            value_ = other.value_;
+        }
         return *this;
     }
     ~ReflectorNoWriteParend() override = default;
@@ -121,13 +144,19 @@ public:
         init();
     }
 
-    // Reads the element named name() of `tree`. On any failure (no such
-    // element, wrong kind) the field is reset instead; nothing is thrown.
+    // Reads the element named name() of `tree`. When the tree does not hold
+    // a value for the field (no such element, wrong kind, a number the type
+    // cannot hold) the field is reset instead; nothing is thrown for that.
+    // Running out of memory is not a malformed tree: std::bad_alloc passes
+    // through, and a scalar field keeps its value and state (a record field
+    // keeps its state, its fields each hold their old or their new value).
     virtual void assign(const Element& tree) {
         if constexpr (Serialized) {
             try {
                 detail::readValue(tree[name()], value_);
                 init();
+            } catch (const std::bad_alloc&) {
+                throw;
             } catch (...) {
                 reset();
             }
@@ -147,6 +176,16 @@ public:
         // Test first: the text argument would otherwise be built on every read.
         if (!initialized()) throwIfUninited("Kest::MetaData::Reflector::operator()()");
         return value_;
+    }
+
+    // Exchanges name, flags and value with `other`; each field stays with
+    // its record. For value types that swap without throwing.
+    void swap(ReflectorNoWriteParend& other) noexcept {
+        static_assert(std::is_nothrow_swappable_v<T>,
+                      "Kest::MetaData::Reflector::swap: the value type has no non-throwing swap");
+        swapState(other);
+        using std::swap;
+        swap(value_, other.value_);
     }
 
 protected:
@@ -186,10 +225,13 @@ public:
         : ReflectorBase(parent, std::move(name), required), option_(option) {}
     ReflectorArray(MirroredObject* parent, const ReflectorArray& other)
         : ReflectorBase(parent, other), value_(other.value_), option_(other.option_) {}
+    // Copies name, flags, values and option; the field stays with its
+    // record. Strong guarantee: if memory runs out, the field is unchanged.
     ReflectorArray& operator=(const ReflectorArray& other) {
-        ReflectorBase::operator=(other);
-        value_ = other.value_;
-        option_ = other.option_;
+        if (this != &other) {
+            ReflectorArray copy(nullptr, other);
+            swap(copy);
+        }
         return *this;
     }
     ~ReflectorArray() override = default;
@@ -208,7 +250,8 @@ public:
     // emptied and unset. A tree that is neither an object nor empty (a
     // number, a string, an array) holds no field: prints "Exception
     // MetaDat::ReflectorArray MetaData Array corrupt for " and the field's
-    // name, and keeps the value. Never throws.
+    // name, and keeps the value. Throws nothing but std::bad_alloc, which
+    // leaves the field unchanged.
     void copyFromMetaData(const Element& tree) override {
         switch (tree.GetElementType()) {
             // An object is read in place: a copy of it would copy the whole tree.
@@ -223,14 +266,21 @@ public:
         }
     }
 
+    // Stores a copy of `value`; the field is then initialised. Strong
+    // guarantee: if memory runs out, the field is unchanged.
     virtual void assign(const std::vector<T>& value) {
-        value_ = value;
+        // Copied aside and swapped in: assigning element by element could
+        // stop half way, leaving values that are neither old nor new.
+        std::vector<T> copy(value);
+        value_.swap(copy);
         init();
     }
 
     // Missing name: empty and uninitialised. Not an array: a diagnostic line,
     // field unchanged. An entry of the wrong kind: a diagnostic line naming the
-    // field, field unchanged. Never throws.
+    // field, field unchanged. Nothing is thrown for a malformed tree; running
+    // out of memory throws std::bad_alloc with the field unchanged and no
+    // diagnostic line.
     virtual void assign(const Element& tree) {
         if (!HasElement(tree, name())) {
             value_.clear();
@@ -252,6 +302,8 @@ public:
                 values.push_back(std::move(value));
             }
             assign(values);
+        } catch (const std::bad_alloc&) {
+            throw;
         } catch (...) {
             detail::reportArrayCorrupt(name());
         }
@@ -263,6 +315,14 @@ public:
     // when they give operator()() another form (see ReflectedAddress).
     const std::vector<T>& values() const noexcept { return value_; }
     bool option() const noexcept { return option_; }
+
+    // Exchanges name, flags, values and option with `other`; each field
+    // stays with its record.
+    void swap(ReflectorArray& other) noexcept {
+        swapState(other);
+        value_.swap(other.value_);
+        std::swap(option_, other.option_);
+    }
 
 protected:
     std::vector<T> value_;

@@ -188,6 +188,7 @@ Coverage coverStrong(const std::string& operation, Setup setup, Op op, Describe 
     auto setupKnowingReference = [setup, op, describe, reference]() {
         if (!reference->known) {
             std::shared_ptr<State> model = setup();
+            Output::instance().clear();  // as each attempt does
             reference->before = describe(*model);
             op(*model);
             reference->after = describe(*model);

@@ -82,6 +82,7 @@ inline std::string describe(const Kest::Msgs::MessageKey& key) {
 }
 
 std::string describeRecord(const Kest::MetaData::MirroredObject& record);
+std::string describeRecord(const Kest::MetaData::MirroredObject& record, const std::string& masked);
 
 namespace detail {
 
@@ -129,10 +130,80 @@ inline std::string describeField(const Kest::MetaData::ReflectorBase& field) {
     return text + "(a field of another type)";
 }
 
-inline std::string describeRecord(const Kest::MetaData::MirroredObject& record) {
+// The fields of `record` in declaration order, each described whole. The
+// value of a field named `masked` (a message's fresh identity, say) is left
+// out: only its name and flags are described.
+inline std::vector<std::string> fieldsOf(const Kest::MetaData::MirroredObject& record,
+                                         const std::string& masked = "") {
+    std::vector<std::string> fields;
+    record.forEachField([&](const Kest::MetaData::ReflectorBase& field) {
+        if (!masked.empty() && field.name() == masked) {
+            fields.push_back(field.name() + (field.isRequired() ? "!" : "") + (field.initialized() ? "=..." : "~..."));
+        } else {
+            fields.push_back(describeField(field));
+        }
+    });
+    return fields;
+}
+
+inline std::string describeRecord(const Kest::MetaData::MirroredObject& record, const std::string& masked) {
     std::string text = "<";
-    record.forEachField([&text](const Kest::MetaData::ReflectorBase& field) { text += describeField(field) + ";"; });
+    for (const std::string& field : fieldsOf(record, masked)) text += field + ";";
     return text + ">";
+}
+
+inline std::string describeRecord(const Kest::MetaData::MirroredObject& record) {
+    return describeRecord(record, "");
+}
+
+namespace detail {
+
+template <class T>
+bool flattenRecordField(const Kest::MetaData::ReflectorBase& field, const std::string& prefix,
+                        std::vector<std::string>& out);
+
+inline void flatten(const Kest::MetaData::MirroredObject& record, const std::string& prefix,
+                    const std::string& masked, std::vector<std::string>& out) {
+    record.forEachField([&](const Kest::MetaData::ReflectorBase& field) {
+        if (flattenRecordField<Kest::Msgs::Structs::MessageKeyData>(field, prefix, out) ||
+            flattenRecordField<Kest::Msgs::Communications::Forwarder::ServiceData>(field, prefix, out)) {
+            return;
+        }
+        if (!masked.empty() && field.name() == masked) {
+            out.push_back(prefix + field.name() + (field.initialized() ? "=..." : "~..."));
+        } else {
+            out.push_back(prefix + describeField(field));
+        }
+    });
+}
+
+// A record-valued field: its record's fields first, then its own flags, in
+// the order in which reading the field changes them.
+template <class T>
+bool flattenRecordField(const Kest::MetaData::ReflectorBase& field, const std::string& prefix,
+                        std::vector<std::string>& out) {
+    const auto* typed = dynamic_cast<const Kest::MetaData::ReflectorNoWriteParend<T, true>*>(&field);
+    if (typed == nullptr) return false;
+    flatten(PeekValue<T, true>::of(*typed), prefix + field.name() + ".", "", out);
+    out.push_back(prefix + field.name() + (field.isRequired() ? "!" : "") + (field.initialized() ? "=" : "~"));
+    return true;
+}
+
+}  // namespace detail
+
+// Every field of `record`, fields of record-valued fields included, each
+// whole, in the order in which copyFromMetaData changes them.
+inline std::vector<std::string> flatFieldsOf(const Kest::MetaData::MirroredObject& record,
+                                             const std::string& masked = "") {
+    std::vector<std::string> out;
+    detail::flatten(record, "", masked, out);
+    return out;
+}
+
+inline std::string join(const std::vector<std::string>& parts) {
+    std::string text;
+    for (const std::string& part : parts) text += part + "; ";
+    return text;
 }
 
 }  // namespace KestAlloc
