@@ -21,6 +21,7 @@ class Message;
 class KEST_MESSAGES_API MessageQueueInterface {
 public:
     // Waits without limit: getMessage(std::chrono::milliseconds::max()).
+    // Allocates nothing of its own.
     virtual std::shared_ptr<const Message> getMessage();
     // The oldest message, waiting up to `timeout`; empty on time-out.
     virtual std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) = 0;
@@ -29,6 +30,10 @@ public:
     // Appends to `out`, oldest first, every message that can be taken without
     // waiting, skipping the null entries a queue may hold; takes at most as
     // many entries as were pending when called. Never waits for a message.
+    // Strong guarantee: the list's nodes are made before any message is
+    // taken, so if memory runs out the queue and `out` are unchanged; a
+    // message taken out is never lost (should getMessage throw part way, what
+    // was taken is appended to `out` before the exception leaves).
     virtual void takeAllAvailableMessages(std::list<std::shared_ptr<const Message>>& out);
     // The number of messages waiting, a snapshot.
     virtual unsigned int getAvailableMessagesCount() const = 0;
