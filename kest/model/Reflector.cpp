@@ -1,3 +1,4 @@
+#include <kest/internal/DiagnosticLine.h>
 #include <kest/model/Reflector.h>
 
 #include <iostream>
@@ -5,11 +6,13 @@
 namespace Kest::MetaData::detail {
 
 void reportArrayExpected() {
+    Kest::detail::DiagnosticLine line;
     std::cout << "Exception MetaDat::ReflectorArray Should have gotten an Array, but didn't"
               << std::endl;
 }
 
 void reportArrayCorrupt(const std::string& fieldName) {
+    Kest::detail::DiagnosticLine line;
     std::cout << "Exception MetaDat::ReflectorArray MetaData Array corrupt for " << fieldName
               << std::endl;
 }

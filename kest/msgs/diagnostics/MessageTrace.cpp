@@ -1,3 +1,4 @@
+#include <kest/internal/DiagnosticLine.h>
 #include <kest/internal/Schedule.h>
 #include <kest/model/Message.h>
 #include <kest/msgs/diagnostics/MessageTrace.h>
@@ -17,13 +18,15 @@ void writeAddress(std::ostream& out, const ReflectedAddress& address) {
         out << "<None>";
         return;
     }
-    for (const std::string& part : address()) out << '[' << part << ']';
+    // values(): the address in place; a copy could run out of memory.
+    for (const std::string& part : address.values()) out << '[' << part << ']';
 }
 
 }  // namespace
 
 void handleMessageDirect(const std::string& prefix, const Message& message) {
     Kest::detail::LockGuard lock(traceMutex);
+    Kest::detail::DiagnosticLine line;
     const Identifier id = message.id();
     std::cout << prefix << ": sender = ";
     writeAddress(std::cout, message.sender);
