@@ -7,6 +7,10 @@
 // same factory (that deadlocks). supportedComponents() hands out the table
 // without a lock: read it only while nothing changes it.
 //
+// Memory: every operation gives the strong guarantee. If memory runs out
+// (a node and a name for a new creator, the component a creator makes), it
+// throws std::bad_alloc with the table unchanged and the lock released.
+//
 // Built into libKestMessageDispatcher: libKestCore provides only the
 // interface, ComponentFactoryInterface.
 
@@ -28,7 +32,8 @@ public:
     // Runs the creator of `name` with `args` under the factory's lock and
     // returns its result. Unknown name: an empty pointer. A registered but
     // empty creator: throws std::bad_function_call. A creator's exception
-    // passes through; the lock is released.
+    // passes through; the lock is released. Strong guarantee: a failure,
+    // the creator's std::bad_alloc included, changes nothing.
     std::shared_ptr<ComponentInterface> createComponent(
         std::string name, const std::vector<std::string>& args) override;
     // The table itself, read without the lock.
@@ -37,11 +42,12 @@ public:
 
     // Registers `creator` under `name` unless the name is taken; a second
     // registration is dropped without a word, and the dropped creator is
-    // destroyed after the factory's lock is released.
+    // destroyed after the factory's lock is released. Strong guarantee: if
+    // memory runs out the table is unchanged.
     virtual void addComponentCreator(const std::string& name, ComponentCreator creator);
-    // Forgets the creator of `name`, if any.
+    // Forgets the creator of `name`, if any. Allocates nothing.
     virtual void removeComponentCreator(const std::string& name);
-    // Forgets every creator.
+    // Forgets every creator. Allocates nothing.
     virtual void removeAllComponentCreators();
 
     ComponentFactory_Base(const ComponentFactory_Base&) = delete;

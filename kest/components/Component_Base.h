@@ -17,7 +17,8 @@ class KEST_DISPATCHER_API Component_Base : public virtual ComponentInterface {
 public:
     // The identifier, empty until set.
     const std::string& instanceId() const override;
-    // Any string is accepted, the empty one included.
+    // Any string is accepted, the empty one included. Strong guarantee: if
+    // memory runs out the identifier is unchanged.
     void setInstanceId(const std::string& id) override;
 
 protected:

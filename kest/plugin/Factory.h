@@ -12,6 +12,9 @@
 //
 // Threads: creation and the life-cycle operations serialise on the factory's
 // lock (see ComponentFactory_Base).
+//
+// Memory: creating a component gives the strong guarantee (nothing made, the
+// table unchanged, the lock released). startLifeCycle gives the basic one.
 
 #include <kest/components/ComponentFactory_Base.h>
 #include <kest/components/ComponentInterface.h>
@@ -32,11 +35,16 @@ public:
     ~Factory() override;
 
     // Registers the four creators, keeping any already registered under a name.
+    // Basic guarantee: if memory runs out, the creators registered before the
+    // failure (the first ones of the four, in order) stay and the others are
+    // not registered; the factory works, and calling startLifeCycle again
+    // registers the rest.
     void startLifeCycle() override;
-    // Removes every creator.
+    // Removes every creator. Allocates nothing.
     void endLifeCycle() override;
 
-    // A new MessageDispatcher, owned by a new std::shared_ptr of the concrete type.
+    // A new MessageDispatcher, owned by a new std::shared_ptr of the concrete
+    // type. If memory runs out, nothing is made.
     std::shared_ptr<ComponentInterface> createDispatcher(const std::vector<std::string>& args);
 };
 
@@ -44,5 +52,6 @@ public:
 
 // The plug-in's entry point: stores a new, unstarted Factory in `factory`,
 // releasing what it held. No singleton: each call gives a new factory.
+// Strong guarantee: if memory runs out, `factory` keeps what it held.
 extern "C" KEST_DISPATCHER_API void getComponentFactory(
     std::shared_ptr<Kest::ComponentFactoryInterface>& factory);

@@ -43,6 +43,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <streambuf>
@@ -151,6 +152,13 @@ Coverage cover(const std::string& operation, Setup setup, Attempt attempt, After
             SCOPED_TRACE(operation + ": the complete run");
             afterSuccess(*state);
         } catch (const StopRun&) {
+            result->stopped = true;
+        } catch (const std::exception& e) {
+            // Leaving this thread would end the program: report it instead.
+            ADD_FAILURE() << operation << ": unexpected exception: " << e.what();
+            result->stopped = true;
+        } catch (...) {
+            ADD_FAILURE() << operation << ": unexpected exception";
             result->stopped = true;
         }
         state.reset();
