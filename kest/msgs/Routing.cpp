@@ -1,18 +1,32 @@
+#include <kest/internal/DiagnosticLine.h>
 #include <kest/msgs/Routing.h>
 #include <kest/msgs/diagnostics/MessageTrace.h>
 #include <kest/msgs/internal/Delivery.h>
 
 #include <iostream>
+#include <string>
 
 namespace Kest::Msgs {
+
+namespace {
+
+// Made when the library is loaded: reporting a drop must not allocate, or
+// running out of memory would print the warning without its trace and turn
+// a refusal into an exception out of the post.
+const std::string kTracePrefix = "PLOX message is - ";
+
+}  // namespace
 
 namespace detail {
 
 bool putOrWarn(const std::shared_ptr<const Message>& message, MessageQueueInterface* queue) {
     // An empty queue pointer (services accept one) cannot take anything: a refusal.
     if (queue != nullptr && queue->putMessage(message)) return true;
-    std::cout << "PLOX!!!! Warning ---- dropping msg" << std::endl;
-    handleMessageDirect("PLOX message is - ", *message);
+    {
+        Kest::detail::DiagnosticLine line;
+        std::cout << "PLOX!!!! Warning ---- dropping msg" << std::endl;
+    }
+    handleMessageDirect(kTracePrefix, *message);
     return false;
 }
 
@@ -21,9 +35,19 @@ bool putOrWarn(const std::shared_ptr<const Message>& message, MessageQueueInterf
 bool dispatchMessage(const std::shared_ptr<const Message>& message,
                      const std::shared_ptr<MessageQueueInterface>& queue, ServedSet& served) {
     if (served.find(queue) != served.end()) return true;
-    if (!detail::putOrWarn(message, queue.get())) return false;
-    served.insert(queue);
-    return true;
+    // The queue joins `served` before the put and leaves it again unless the
+    // put succeeds: a queue that took the message is then always in
+    // `served`, even when memory runs out, and is never given it twice.
+    const auto entry = served.insert(queue).first;
+    bool taken = false;
+    try {
+        taken = detail::putOrWarn(message, queue.get());
+    } catch (...) {
+        served.erase(entry);
+        throw;
+    }
+    if (!taken) served.erase(entry);
+    return taken;
 }
 
 }  // namespace Kest::Msgs

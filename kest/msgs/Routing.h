@@ -37,7 +37,8 @@ using ServedSet = std::unordered_set<std::shared_ptr<MessageQueueInterface>>;
 // the same entries; the dispatcher posts in exactly this order. The set is
 // built only when it matters: the candidates are first probed one key at a
 // time (MessageKey::visitCandidates), and with no covering entry, or one,
-// there is no order to keep. Throws std::bad_alloc when memory runs out.
+// there is no order to keep. Throws std::bad_alloc when memory runs out;
+// nothing is changed (the table is only read).
 template <class T, class Hasher>
 std::vector<T*> findCovering(const std::shared_ptr<const Message>& message,
                              const std::unordered_map<MessageKey, T, Hasher>& table,
@@ -81,7 +82,11 @@ std::vector<T*> findCovering(const std::shared_ptr<const Message>& message,
 // the queue holds the message now or already did; a queue that took it joins
 // `served`. A refusal prints "PLOX!!!! Warning ---- dropping msg" and the
 // message's trace to standard output and returns false; an empty `queue` not
-// in `served` counts as a refusal.
+// in `served` counts as a refusal. Strong guarantee: if memory runs out
+// (growing `served`, or in the queue's putMessage), `served` and the queue
+// are as they were; a queue that holds the message is always in `served`.
+// Reporting a refusal allocates nothing of its own and never throws (see
+// MessageTrace.h for what a std::cout that cannot grow does to the lines).
 KEST_DISPATCHER_API bool dispatchMessage(const std::shared_ptr<const Message>& message,
                                          const std::shared_ptr<MessageQueueInterface>& queue,
                                          ServedSet& served);

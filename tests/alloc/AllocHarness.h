@@ -45,7 +45,9 @@
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <iostream>
 #include <memory>
+#include <sstream>
 #include <streambuf>
 #include <string>
 #include <utility>
@@ -109,6 +111,19 @@ private:
 
 // The text written to std::cout since the current attempt began.
 inline std::string output() { return Output::instance().text(); }
+
+// For its lifetime, std::cout writes into a std::ostringstream of its own,
+// whose buffer grows (and so allocates) as lines are written.
+struct GrowingOutput {
+    std::shared_ptr<std::ostringstream> stream = std::make_shared<std::ostringstream>();
+    GrowingOutput() { std::cout.rdbuf(stream->rdbuf()); }
+    ~GrowingOutput() {
+        // A later GrowingOutput may have taken std::cout over already.
+        if (std::cout.rdbuf() == stream->rdbuf()) std::cout.rdbuf(&Output::instance());
+    }
+    GrowingOutput(const GrowingOutput&) = delete;
+    GrowingOutput& operator=(const GrowingOutput&) = delete;
+};
 
 // Runs `call` on another thread and waits for it: false when it did not
 // return within `limit` (a lock left taken). `call` must own what it uses.

@@ -116,18 +116,6 @@ void history(const std::string& name, std::shared_ptr<Histories> (*setup)(), Op 
     coverStrong<Histories>(name, setup, op, describeHistories);
 }
 
-// std::cout writing into a std::ostringstream of the state's own, whose
-// buffer grows (and so allocates) as lines are written.
-struct GrowingOutput {
-    std::shared_ptr<std::ostringstream> stream = std::make_shared<std::ostringstream>();
-    GrowingOutput() { std::cout.rdbuf(stream->rdbuf()); }
-    ~GrowingOutput() {
-        if (std::cout.rdbuf() == stream->rdbuf()) std::cout.rdbuf(&Output::instance());
-    }
-    GrowingOutput(const GrowingOutput&) = delete;
-    GrowingOutput& operator=(const GrowingOutput&) = delete;
-};
-
 struct Trace {
     std::shared_ptr<Message> message;
     std::string prefix = "PLOX message is - ";
