@@ -178,11 +178,15 @@ Coverage cover(const std::string& operation, Setup setup, Attempt attempt, After
         }
         state.reset();
     };
-    result->coverage.finished = KestTest::finishesWithin(options.limit, std::move(body));
-    const Coverage coverage = result->coverage;
+    const bool finished = KestTest::finishesWithin(options.limit, std::move(body));
+    // A run that hangs still owns `result` and may write to it: read it only
+    // once its thread has ended.
+    Coverage coverage;
+    if (finished) coverage = result->coverage;
+    coverage.finished = finished;
     EXPECT_TRUE(coverage.finished) << operation << ": did not finish within " << options.limit.count()
                                    << " s (a hang)";
-    if (coverage.finished && !result->stopped) {
+    if (finished && !result->stopped) {
         // Each run starts from the same state, so the complete run reaches
         // exactly the allocations that the failing runs before it failed.
         EXPECT_EQ(coverage.allocations, coverage.failures)
