@@ -103,9 +103,9 @@ public:
     // the record is unchanged.
     void copyToMetaData(Element& tree) const override;
     // Each field reads itself from `tree`; a field whose element is missing or
-    // malformed falls back as its reflector describes. Basic guarantee: if
-    // memory runs out, the fields read before the failure hold what they
-    // read and the others what they held; each field is whole.
+    // malformed falls back as its reflector describes. The library's fields
+    // never throw, and a field whose read runs out of memory falls back in
+    // the same way (see Reflector.h): the other fields read as usual.
     void copyFromMetaData(const Element& tree) override;
 
     // The fields in declaration order; for inspection and tests.

@@ -14,8 +14,10 @@
 //
 // Memory: the constructors allocate the addresses (the identity fits a
 // string's own buffer); if memory runs out they throw std::bad_alloc and
-// make nothing. copyToMetaData and copyFromMetaData give the basic guarantee
-// of MirroredObject. makeIdentity and id() allocate nothing.
+// make nothing. copyToMetaData gives the basic guarantee of MirroredObject;
+// copyFromMetaData never throws: a field whose read runs out of memory falls
+// back as a malformed one does (see Reflector.h). makeIdentity and id()
+// allocate nothing.
 
 #include <kest/metadata/MirroredObject.h>
 #include <kest/model/Api.h>

@@ -25,11 +25,11 @@
 // corrupt for <name>" and keeps its value. Reading the value of an unset
 // scalar or record field with operator()() throws MetaDataException.
 //
-// Memory: running out of memory is not a malformed tree. Reading a field
-// then throws std::bad_alloc and leaves the field as it was (a record field:
-// each of its fields holds its old or its new value), with no diagnostic
-// line; a record read field by field keeps what its earlier fields read.
-// Assigning a field (operator=, assign) gives the strong guarantee: if
+// Memory: a read that runs out of memory is a failed read like any other
+// and throws nothing: a scalar or record field is reset, an array field keeps
+// its value and prints its "MetaData Array corrupt for <name>" line (the line
+// is written whole even to a std::cout whose buffer cannot grow); a record
+// read field by field reads its other fields as usual. Assigning a field (operator=, assign) gives the strong guarantee: if
 // memory runs out, the field is unchanged. Writing a field into a tree gives
 // the basic one: the tree stays a valid tree that may hold the field partly
 // written (an array of the right length with only its first entries set).
@@ -40,7 +40,6 @@
 #include <kest/metadata/MirroredObject.h>
 #include <kest/model/Api.h>
 
-#include <new>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -144,28 +143,25 @@ public:
         init();
     }
 
-    // Reads the element named name() of `tree`. When the tree does not hold
-    // a value for the field (no such element, wrong kind, a number the type
-    // cannot hold) the field is reset instead; nothing is thrown for that.
-    // Running out of memory is not a malformed tree: std::bad_alloc passes
-    // through, and a scalar field keeps its value and state (a record field
-    // keeps its state, its fields each hold their old or their new value).
+    // Reads the element named name() of `tree`. On any failure (no such
+    // element, wrong kind, a number the type cannot hold, memory running
+    // out) the field is reset instead. Never throws.
     virtual void assign(const Element& tree) {
         if constexpr (Serialized) {
             try {
                 detail::readValue(tree[name()], value_);
                 init();
-            } catch (const std::bad_alloc&) {
-                throw;
             } catch (...) {
-                reset();
+                resetAfterFailedRead();
             }
         } else {
             (void)tree;
         }
     }
 
-    // Default value (0, false, "", Identifier(0), a default record), uninitialised.
+    // Default value (0, false, "", Identifier(0), a default record),
+    // uninitialised. For a record value the default record is made first:
+    // std::bad_alloc if that runs out of memory, the field unchanged.
     void reset() {
         value_ = T();
         uninit();
@@ -190,6 +186,23 @@ public:
 
 protected:
     T value_;
+
+private:
+    // reset() that cannot throw: a default record allocates its field list,
+    // so when memory has run out the record's own fields are reset instead,
+    // by reading them from an empty tree (which never throws either).
+    void resetAfterFailedRead() noexcept {
+        if constexpr (std::is_base_of_v<MirroredObject, T>) {
+            try {
+                value_ = T();
+            } catch (...) {
+                value_.copyFromMetaData(Element());
+            }
+        } else {
+            value_ = T();
+        }
+        uninit();
+    }
 };
 
 template <class T, bool IsRecord, bool Serialized>
@@ -250,8 +263,7 @@ public:
     // emptied and unset. A tree that is neither an object nor empty (a
     // number, a string, an array) holds no field: prints "Exception
     // MetaDat::ReflectorArray MetaData Array corrupt for " and the field's
-    // name, and keeps the value. Throws nothing but std::bad_alloc, which
-    // leaves the field unchanged.
+    // name, and keeps the value. Never throws.
     void copyFromMetaData(const Element& tree) override {
         switch (tree.GetElementType()) {
             // An object is read in place: a copy of it would copy the whole tree.
@@ -278,9 +290,8 @@ public:
 
     // Missing name: empty and uninitialised. Not an array: a diagnostic line,
     // field unchanged. An entry of the wrong kind: a diagnostic line naming the
-    // field, field unchanged. Nothing is thrown for a malformed tree; running
-    // out of memory throws std::bad_alloc with the field unchanged and no
-    // diagnostic line.
+    // field, field unchanged. Memory running out while reading: the same
+    // line, field unchanged. Never throws.
     virtual void assign(const Element& tree) {
         if (!HasElement(tree, name())) {
             value_.clear();
@@ -302,8 +313,6 @@ public:
                 values.push_back(std::move(value));
             }
             assign(values);
-        } catch (const std::bad_alloc&) {
-            throw;
         } catch (...) {
             detail::reportArrayCorrupt(name());
         }

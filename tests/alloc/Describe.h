@@ -200,6 +200,41 @@ inline std::vector<std::string> flatFieldsOf(const Kest::MetaData::MirroredObjec
     return out;
 }
 
+namespace detail {
+
+inline void flattenArrayNames(const Kest::MetaData::MirroredObject& record, std::vector<std::string>& out);
+
+template <class T>
+bool flattenRecordArrayNames(const Kest::MetaData::ReflectorBase& field, std::vector<std::string>& out) {
+    const auto* typed = dynamic_cast<const Kest::MetaData::ReflectorNoWriteParend<T, true>*>(&field);
+    if (typed == nullptr) return false;
+    flattenArrayNames(PeekValue<T, true>::of(*typed), out);
+    out.emplace_back();  // the record field's own flags
+    return true;
+}
+
+inline void flattenArrayNames(const Kest::MetaData::MirroredObject& record, std::vector<std::string>& out) {
+    record.forEachField([&](const Kest::MetaData::ReflectorBase& field) {
+        if (flattenRecordArrayNames<Kest::Msgs::Structs::MessageKeyData>(field, out) ||
+            flattenRecordArrayNames<Kest::Msgs::Communications::Forwarder::ServiceData>(field, out)) {
+            return;
+        }
+        const bool array = dynamic_cast<const Kest::MetaData::ReflectorArray<std::string>*>(&field) != nullptr;
+        out.push_back(array ? field.name() : std::string());
+    });
+}
+
+}  // namespace detail
+
+// Beside flatFieldsOf(record): for each entry, the field's name when it is an
+// array field (which keeps its value when a read fails), else empty (a
+// scalar or record field, which is reset when a read fails).
+inline std::vector<std::string> flatArrayNamesOf(const Kest::MetaData::MirroredObject& record) {
+    std::vector<std::string> out;
+    detail::flattenArrayNames(record, out);
+    return out;
+}
+
 inline std::string join(const std::vector<std::string>& parts) {
     std::string text;
     for (const std::string& part : parts) text += part + "; ";

@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -251,6 +252,51 @@ void field(const std::string& name, Op op) {
     coverStrong<FieldState>(name, fieldState, op, describeFieldState);
 }
 
+// A field read from a tree with each allocation failing. A read never
+// throws: after a failure the state is what `fallBack` makes of a fresh one
+// (a scalar field reset; an array field unchanged, its line printed), and
+// the read made again reads the tree.
+template <class Op, class FallBack>
+void fieldRead(const std::string& name, Op op, FallBack fallBack) {
+    struct Reference {
+        bool known = false;
+        std::string failed;
+        std::string after;
+    };
+    auto reference = std::make_shared<Reference>();
+    auto setup = [op, fallBack, reference] {
+        if (!reference->known) {
+            auto model = fieldState();
+            Output::instance().clear();
+            fallBack(*model);
+            reference->failed = describeFieldState(*model);
+            model = fieldState();
+            Output::instance().clear();
+            op(*model);
+            reference->after = describeFieldState(*model);
+            reference->known = true;
+        }
+        return fieldState();
+    };
+    Options options;
+    options.mayAbsorb = true;  // it must, in fact: checked below
+    cover<FieldState>(
+        name, setup, op,
+        [op, reference](FieldState& s, std::size_t, bool threw) {
+            check(!threw, "std::bad_alloc left a read from a tree");
+            checkEqual(describeFieldState(s), reference->failed, "the field did not fall back as on a failed read");
+            Output::instance().clear();
+            op(s);
+            checkEqual(describeFieldState(s), reference->after, "the read made after the failure did not read the tree");
+        },
+        [reference](FieldState& s) {
+            checkEqual(describeFieldState(s), reference->after, "the result differs from a run without failures");
+        },
+        options);
+}
+
+void printArrayCorrupt(const std::string& name) { std::cout << arrayCorruptLine(name) << std::flush; }
+
 template <class Op>
 void noFieldAllocation(const std::string& name, Op op) {
     coverNoAllocation<FieldState>(name, fieldState, op);
@@ -360,7 +406,7 @@ TEST_F(ModelAllocation, MessagesAreMadeWholeOrNotAtAll) {
     });
 }
 
-TEST_F(ModelAllocation, MessagesReadFromATreeStopBetweenFields) {
+TEST_F(ModelAllocation, MessagesReadFromATreeNeverThrowAndFallBackFieldByField) {
     using PlainRead = ReadMessage<Message>;
     coverRead<PlainRead>(
         "Message::copyFromMetaData",
@@ -439,7 +485,7 @@ TEST_F(ModelAllocation, RecordsAreCopiedAndAssignedWholeOrNotAtAll) {
     });
 }
 
-TEST_F(ModelAllocation, RecordsReadAndWrittenStopBetweenFields) {
+TEST_F(ModelAllocation, RecordsReadFallBackAndRecordsWrittenStopAtAField) {
     coverRead<Records>("MessageKeyData::copyFromMetaData", records,
                        [](Records& s) { s.key.copyFromMetaData(s.otherTree); },
                        [](Records& s) -> MessageKeyData& { return s.key; });
@@ -495,21 +541,28 @@ TEST_F(ModelAllocation, FieldsAreMadeAndAssignedWholeOrNotAtAll) {
                       });
 }
 
-TEST_F(ModelAllocation, FieldsReadFromATreeChangeWholeOrNotAtAll) {
-    // Reading a field of the wrong kind resets it; the text of that error
-    // allocates, and running out of memory there must not reset the field.
-    field("Reflector<unsigned long>::copyFromMetaData of the wrong kind",
-          [](FieldState& s) { s.one.number.copyFromMetaData(s.wrong); });
-    field("Reflector<std::string>::copyFromMetaData", [](FieldState& s) { s.two.text.copyFromMetaData(s.tree); });
-    field("Reflector<std::string>::copyFromMetaData of the wrong kind",
-          [](FieldState& s) { s.one.text.copyFromMetaData(s.wrong); });
-    field("Reflector<Identifier>::copyFromMetaData", [](FieldState& s) { s.two.id.copyFromMetaData(s.tree); });
-    field("ReflectedAddress::copyFromMetaData", [](FieldState& s) { s.two.address.copyFromMetaData(s.tree); });
-    field("ReflectorArray::copyFromMetaData", [](FieldState& s) { s.two.list.copyFromMetaData(s.tree); });
+TEST_F(ModelAllocation, FieldsReadFromATreeFallBackWhenMemoryRunsOut) {
+    // A read that runs out of memory is a failed read: a scalar field is
+    // reset, an array field keeps its value and prints its line. Reading a
+    // field of the wrong kind resets it whether or not the error's text could
+    // be built.
+    fieldRead("Reflector<unsigned long>::copyFromMetaData of the wrong kind",
+              [](FieldState& s) { s.one.number.copyFromMetaData(s.wrong); }, [](FieldState& s) { s.one.number.reset(); });
+    fieldRead("Reflector<std::string>::copyFromMetaData", [](FieldState& s) { s.two.text.copyFromMetaData(s.tree); },
+              [](FieldState& s) { s.two.text.reset(); });
+    fieldRead("Reflector<std::string>::copyFromMetaData of the wrong kind",
+              [](FieldState& s) { s.one.text.copyFromMetaData(s.wrong); }, [](FieldState& s) { s.one.text.reset(); });
+    fieldRead("Reflector<Identifier>::copyFromMetaData", [](FieldState& s) { s.two.id.copyFromMetaData(s.tree); },
+              [](FieldState& s) { s.two.id.reset(); });
+    fieldRead("ReflectedAddress::copyFromMetaData", [](FieldState& s) { s.two.address.copyFromMetaData(s.tree); },
+              [](FieldState&) { printArrayCorrupt("address"); });
+    fieldRead("ReflectorArray::copyFromMetaData", [](FieldState& s) { s.two.list.copyFromMetaData(s.tree); },
+              [](FieldState&) { printArrayCorrupt("list"); });
     // An array holding a number among its strings prints the corrupt line and
-    // keeps the field; running out of memory prints nothing and keeps it too.
-    field("ReflectedAddress::copyFromMetaData of a corrupt array",
-          [](FieldState& s) { s.two.address.copyFromMetaData(s.corrupt); });
+    // keeps the field, whether or not memory ran out on the way.
+    fieldRead("ReflectedAddress::copyFromMetaData of a corrupt array",
+              [](FieldState& s) { s.two.address.copyFromMetaData(s.corrupt); },
+              [](FieldState&) { printArrayCorrupt("address"); });
     field("ReflectedAddress::copyFromMetaData of an element that is not an array",
           [](FieldState& s) { s.two.address.copyFromMetaData(s.wrong); });
     coverNoAllocation<FieldState>("Reflector<unsigned long>::copyFromMetaData", fieldState,

@@ -16,20 +16,36 @@
 
 namespace KestAlloc {
 
-// After a failed read: the fields read before the failure hold their new
-// values (`after`), the others their old ones (`before`), each whole. The
-// lists are flatFieldsOf() descriptions, in the order in which a read
-// changes the fields.
-inline void checkReadStoppedBetweenFields(const std::vector<std::string>& now, const std::vector<std::string>& before,
-                                          const std::vector<std::string>& after) {
-    check(now.size() == before.size() && now.size() == after.size(), "the record's fields changed in number");
-    std::size_t i = 0;
-    while (i < now.size() && now[i] == after[i]) ++i;
-    for (std::size_t j = i; j < now.size(); ++j) {
-        check(now[j] == before[j], "after the field that failed, field " + now[j] +
-                                       " is neither what it held (" + before[j] + ") nor, in order, what it read (" +
-                                       after[j] + ")\n  now:    " + join(now) + "\n  before: " + join(before) +
-                                       "\n  after:  " + join(after));
+// The line an array field prints when it cannot read its element.
+inline std::string arrayCorruptLine(const std::string& name) {
+    return "Exception MetaDat::ReflectorArray MetaData Array corrupt for " + name + "\n";
+}
+
+// After a read that ran out of memory, which must not have thrown: every
+// field holds what it read (`after`) or fell back as on any failed read, a
+// scalar or record field to its reset state (`reset`), an array field
+// (`arrays` names it) to what it held (`before`), having printed its
+// "MetaData Array corrupt" line on a line of its own. The lists are
+// flatFieldsOf() descriptions.
+inline void checkReadFellBack(const std::vector<std::string>& now, const std::vector<std::string>& before,
+                              const std::vector<std::string>& after, const std::vector<std::string>& reset,
+                              const std::vector<std::string>& arrays, const std::string& printed) {
+    check(now.size() == before.size() && now.size() == after.size() && now.size() == reset.size() &&
+              now.size() == arrays.size(),
+          "the record's fields changed in number");
+    const std::string all = "\n  now:    " + join(now) + "\n  before: " + join(before) + "\n  after:  " +
+                            join(after) + "\n  reset:  " + join(reset) + "\n  output: " + printed;
+    for (std::size_t j = 0; j < now.size(); ++j) {
+        if (now[j] == after[j]) continue;
+        if (arrays[j].empty()) {
+            check(now[j] == reset[j], "field " + now[j] + " neither read the tree nor was reset" + all);
+        } else {
+            check(now[j] == before[j], "array field " + now[j] + " neither read the tree nor kept its value" + all);
+            const std::string line = arrayCorruptLine(arrays[j]);
+            const std::size_t at = printed.find(line);
+            check(at != std::string::npos && (at == 0 || printed[at - 1] == '\n'),
+                  "array field " + arrays[j] + " kept its value without its line of its own" + all);
+        }
     }
 }
 
@@ -69,7 +85,9 @@ inline void checkWriteStoppedAtAField(const Kest::MetaData::MirroredObject& reco
 }
 
 // A record read from a tree with each allocation failing: `read(state)`
-// reads, `record(state)` is the record read.
+// reads, `record(state)` is the record read. A read never throws: each
+// failure must leave the record as checkReadFellBack() allows, and the read
+// made again must read the whole tree.
 template <class State, class Setup, class Read, class RecordOf>
 Coverage coverRead(const std::string& operation, Setup setup, Read read, RecordOf recordOf,
                    const std::string& masked = "") {
@@ -77,30 +95,42 @@ Coverage coverRead(const std::string& operation, Setup setup, Read read, RecordO
         bool known = false;
         std::vector<std::string> before;
         std::vector<std::string> after;
+        std::vector<std::string> reset;
+        std::vector<std::string> arrays;
     };
     auto reference = std::make_shared<Reference>();
     auto setupKnowingReference = [setup, read, recordOf, reference, masked]() {
         if (!reference->known) {
             std::shared_ptr<State> model = setup();
             reference->before = flatFieldsOf(recordOf(*model), masked);
+            reference->arrays = flatArrayNamesOf(recordOf(*model));
             read(*model);
             reference->after = flatFieldsOf(recordOf(*model), masked);
+            // Every scalar and record field of a record read from an empty
+            // tree is in its reset state.
+            std::shared_ptr<State> emptied = setup();
+            recordOf(*emptied).copyFromMetaData(Kest::MetaData::Element());
+            reference->reset = flatFieldsOf(recordOf(*emptied), masked);
             reference->known = true;
         }
         return setup();
     };
+    Options options;
+    options.mayAbsorb = true;  // it must, in fact: checked below
     return cover<State>(
         operation, setupKnowingReference, read,
-        [read, recordOf, reference, masked](State& state, std::size_t, bool) {
-            checkReadStoppedBetweenFields(flatFieldsOf(recordOf(state), masked), reference->before,
-                                          reference->after);
+        [read, recordOf, reference, masked](State& state, std::size_t, bool threw) {
+            check(!threw, "std::bad_alloc left a read from a tree");
+            checkReadFellBack(flatFieldsOf(recordOf(state), masked), reference->before, reference->after,
+                              reference->reset, reference->arrays, output());
             read(state);
             checkEqual(flatFieldsOf(recordOf(state), masked), reference->after,
                        "the read made after the failure did not read the tree");
         },
         [recordOf, reference, masked](State& state) {
             checkEqual(flatFieldsOf(recordOf(state), masked), reference->after, "the record did not read the tree");
-        });
+        },
+        options);
 }
 
 // A record written into the empty tree `treeOf(state)` with each allocation
