@@ -64,6 +64,7 @@ public:
 
     MessageDispatcher();
     // The arguments are ignored: the form the factory's creators use.
+    // Strong guarantee (both constructors): std::bad_alloc makes nothing.
     explicit MessageDispatcher(const std::vector<std::string>& args);
 
     MessageDispatcher(const MessageDispatcher&) = delete;
@@ -73,32 +74,46 @@ public:
     // `address` (empty: any sender). False only for an empty `queue`; true
     // also when it was subscribed already (then nothing is announced).
     // Announces a new subscription with a SubscriptionAddedNotification.
+    // Basic guarantee: on std::bad_alloc the subscription may have been made
+    // with its notification lost; a call made again returns true.
     bool subscribe(QueuePtr queue, const std::vector<std::string>& address,
                    const Identifier& id) override;
     // Removes that subscription; announces a removal with a
-    // SubscriptionRemovedNotification. Always true.
+    // SubscriptionRemovedNotification. Always true. Basic guarantee: on
+    // std::bad_alloc the removal may have been made with its notification lost.
     bool unsubscribe(QueuePtr queue, const std::vector<std::string>& address,
                      const Identifier& id) override;
-    // Removes every subscription of `queue`, one notification per key. Always true.
+    // Removes every subscription of `queue`, one notification per key. Always
+    // true. Basic guarantee: on std::bad_alloc the keys visited before the
+    // failure may have lost the queue (the last one its notification); a
+    // call made again finishes.
     bool unsubscribeFromAll(QueuePtr queue) override;
 
     // Registers `queue` as a service for messages of `id` addressed to
     // `destination` (or below it), with `rank` (lower is preferred; 0 is
     // exclusive). Registering again moves the entry to the new rank. False
     // only when the key has a rank-0 entry. Empty queue pointers are accepted.
+    // Basic guarantee: on std::bad_alloc the registration may have changed
+    // with its last notifications lost (see docs/bad-inputs.md).
     bool registerService(QueuePtr queue, const std::vector<std::string>& destination,
                          const Identifier& id, unsigned long rank) override;
-    // Removes that registration. Always true.
+    // Removes that registration. Always true. Basic guarantee: on
+    // std::bad_alloc the removal may have been made with its notifications lost.
     bool unregisterService(QueuePtr queue, const std::vector<std::string>& destination,
                            const Identifier& id) override;
     // Removes `queue` from every service key; subscriptions stay. Always true.
+    // Basic guarantee: on std::bad_alloc the keys visited before the failure
+    // may have lost the queue; a call made again finishes.
     bool unregisterAll(QueuePtr queue) override;
 
     // Adds (key, number of subscribed queues) for each subscription key to
-    // `out`, keeping entries already there; returns out.size().
+    // `out`, keeping entries already there; returns out.size(). On
+    // std::bad_alloc the dispatcher is unchanged; basic guarantee for `out`:
+    // some entries may have been added, each with its right value.
     std::size_t getSubscriptionsTable(SubscriptionsTable& out) const override;
     // Adds (key, {queue count, lowest rank}) for each service key to `out`,
-    // keeping entries already there; returns out.size().
+    // keeping entries already there; returns out.size(). On std::bad_alloc
+    // the dispatcher is unchanged; basic guarantee for `out` as above.
     std::size_t getServicesTable(ServicesTable& out) const override;
 
     // Delivers `message` to every covering subscriber and, when it has a
@@ -107,8 +122,12 @@ public:
     // service covers, and when some covering service entry had no queue that
     // accepted. Throws MetaDataException for a message without identity,
     // and std::system_error (resource_deadlock_would_occur) when called from
-    // inside one of this dispatcher's deliveries. When no queue took the message and the caller gave up its reference,
-    // the message is released after the dispatcher's lock, not under it.
+    // inside one of this dispatcher's deliveries. When no queue took the
+    // message and the caller gave up its reference, the message is released
+    // after the dispatcher's lock, not under it. Basic guarantee: on
+    // std::bad_alloc the queues tried before the failure hold the message
+    // once and the others not at all, its identity may have been recorded,
+    // and the lock is free.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
 
     // postMessage for one half of the routing (see PostScope), never to
@@ -121,12 +140,14 @@ public:
     // message which halves were posted: a half already posted is refused as
     // a repeat (false, counted), the other half still goes through once. A
     // queue that is both a covering subscriber and the chosen service gets
-    // one copy per half (an ordinary post gives it one). A value that is no PostScope is refused: false, nothing recorded or
-    // counted. Locks and throws as postMessage. Not virtual: reached through
-    // a MessageDispatcher, not through its interface.
+    // one copy per half (an ordinary post gives it one). A value that is no
+    // PostScope is refused: false, nothing recorded or counted. Locks and
+    // throws as postMessage; basic guarantee as postMessage. Not virtual:
+    // reached through a MessageDispatcher, not through its interface.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender, PostScope scope);
 
-    // postMessage for callers that already hold the dispatcher's mutex.
+    // postMessage for callers that already hold the dispatcher's mutex. Basic
+    // guarantee as postMessage.
     bool unprotected_postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender);
 
     // What the dispatcher has done since it was made. Every number only grows.
@@ -154,7 +175,8 @@ public:
     // may be called from anywhere, a callback included. Each number is one
     // the counter had during the call; while other threads post, the five
     // may be of slightly different moments (a drop of a post already counted
-    // may not be counted yet). Exact once the posts have returned.
+    // may not be counted yet). Exact once the posts have returned. Allocates
+    // nothing.
     Counters counters() const noexcept;
 
 private:

@@ -30,6 +30,7 @@
 #include <kest/model/Message.h>
 #include <kest/model/MessageKey.h>
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/PostScope.h>
 #include <kest/msgs/Routing.h>
 #include <kest/msgs/queues/MessageQueue.h>
 #include <kest/msgs/queues/MessageQueue_FixedDepth.h>
@@ -749,6 +750,19 @@ TEST_F(DispatcherAllocation, PostServesTheQueuesTriedBeforeTheFailureAndNoOthers
                post, like(kReading, sender, Address{"nobody"})});
     coverPost({"MessageDispatcher::postMessage, the first post (reserves the history)", untouched, post,
                like(kReading, {"plant"}, std::nullopt)});
+    // With a scope: the subscriber half, the service half, or both.
+    for (const auto& [scope, label] : {std::pair{Kest::Msgs::PostScope::Subscribers, "Subscribers"},
+                                       std::pair{Kest::Msgs::PostScope::Services, "Services"},
+                                       std::pair{Kest::Msgs::PostScope::Both, "Both"}}) {
+        coverPost({std::string("MessageDispatcher::postMessage with PostScope::") + label + " to large tables",
+                   largeTables,
+                   [scope = scope](World& w) { w.result = w.dispatcher->postMessage(w.message, nullptr, scope); },
+                   like(kReading, sender, Address{kLong, "line", "cell"})});
+    }
+    coverNoAllocation<World>("MessageDispatcher::counters", subscribers, [](World& w) {
+        const MessageDispatcher::Counters c = w.dispatcher->counters();
+        w.result = c.posts + c.repeats + c.emptyMessages > 0;
+    });
     coverNoAllocation<World>("MessageDispatcher::postMessage of a repeat and of an empty message",
                              [] {
                                  auto w = subscribers();

@@ -203,6 +203,34 @@ TEST_F(QueuesAllocation, ReadingAndCountingAllocateNothing) {
     });
 }
 
+TEST_F(QueuesAllocation, ClosingAndWhatAClosedQueueAnswersAllocateNothing) {
+    none("MessageQueue::close, isClosed, refusedPuts", [](Queues& s) {
+        s.queue->close();
+        s.number = s.queue->isClosed() + s.queue->refusedPuts();
+    });
+    none("MessageQueue_FixedDepth::close, isClosed, refusedPuts", [](Queues& s) {
+        s.fixed->close();
+        s.number = s.fixed->isClosed() + s.fixed->refusedPuts();
+    });
+    const auto closed = [] {
+        auto s = queues();
+        s->queue->close();
+        s->fixed->close();
+        return s;
+    };
+    coverNoAllocation<Queues>("MessageQueue::putMessage into a closed queue (refused, counted)", closed,
+                              [](Queues& s) {
+                                  s.number = s.queue->putMessage(s.message) + s.fixed->putMessage(s.message);
+                                  s.number += s.queue->refusedPuts() + s.fixed->refusedPuts();
+                              });
+    coverNoAllocation<Queues>("MessageQueue::getMessage of a closed queue", closed, [](Queues& s) {
+        s.got = s.queue->getMessage();
+        s.got = s.fixed->getMessage(milliseconds(10));
+        s.number = s.queue->getAvailableMessagesCount();
+    });
+    coverNoAllocation<Queues>("MessageQueue::close of a closed queue", closed, [](Queues& s) { s.queue->close(); });
+}
+
 TEST_F(QueuesAllocation, EmptyQueueReadWithZeroTimeoutAllocatesNothing) {
     coverNoAllocation<Queues>("MessageQueue::getMessage(0) of an empty queue",
                               [] {

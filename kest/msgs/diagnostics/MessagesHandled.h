@@ -44,7 +44,7 @@ public:
     MessagesHandled& operator=(MessagesHandled&& other) noexcept;
     ~MessagesHandled();
 
-    // True when `id` is remembered. No change.
+    // True when `id` is remembered. No change. Allocates nothing.
     bool isMessageHandled(const std::string& id) const;
     bool isMessageHandled(const std::string& id);
     // False for a remembered `id` (a repeat; its place in the history does not

@@ -33,7 +33,8 @@ namespace Kest::Msgs {
 class KEST_DISPATCHER_API MessageCallback : public CallbackMessageQueueInterface,
                                             public Component_Base {
 public:
-    // Keeps a copy of `callback`, which may be empty.
+    // Keeps a copy of `callback`, which may be empty. Strong guarantee (both
+    // constructors): std::bad_alloc makes nothing.
     explicit MessageCallback(Callback callback);
     // The arguments are ignored; no callback is set.
     explicit MessageCallback(const std::vector<std::string>& args);
@@ -52,17 +53,21 @@ public:
     // own exceptions pass through. The object stays usable either way.
     // Called from inside this object's own callback: throws std::system_error
     // (std::errc::resource_deadlock_would_occur) and calls nothing. Takes the
-    // object's lock for the call.
+    // object's lock for the call. Strong guarantee for what this object
+    // does: a std::bad_alloc of the callback's own reaches the caller with
+    // the lock released and the callback still set.
     bool putMessage(std::shared_ptr<const Message> message) override;
     // Does nothing: there is nothing stored.
     void takeAllAvailableMessages(std::list<std::shared_ptr<const Message>>& out) override;
-    // Always 0.
+    // Always 0. Allocates nothing, as takeAllAvailableMessages.
     unsigned int getAvailableMessagesCount() const override;
     // Replaces the callback; the previous one is destroyed after the
     // exchange. Called from inside this object's own callback: throws
     // std::system_error (std::errc::resource_deadlock_would_occur) and
-    // changes nothing, since it would destroy the running function.
+    // changes nothing, since it would destroy the running function. Strong
+    // guarantee: on std::bad_alloc the old callback stays.
     void setCallback(Callback callback) override;
+    // A copy of the callback. Strong guarantee: on std::bad_alloc nothing changes.
     Callback getCallback() const override;
 
 private:

@@ -39,6 +39,7 @@ class KEST_DISPATCHER_API MessageQueue : public virtual MessageQueueInterface,
                                          public Component_Base {
 public:
     // The arguments are accepted and ignored: the form the factory's creators use.
+    // Strong guarantee (both constructors): std::bad_alloc makes nothing.
     explicit MessageQueue(const std::vector<std::string>& args);
     MessageQueue();
 
@@ -47,8 +48,8 @@ public:
 
     // Appends `message` (a null one too), wakes one reader and returns true;
     // once the queue is closed, refuses it: false, nothing queued, the
-    // refusal counted. Takes the queue's lock. Throws std::bad_alloc with
-    // nothing queued when memory runs out.
+    // refusal counted. Takes the queue's lock. Strong guarantee: on
+    // std::bad_alloc nothing is queued and no reader is woken.
     bool putMessage(std::shared_ptr<const Message> message) override;
 
     // The oldest message. A queued message is returned at once, whatever the
@@ -62,28 +63,32 @@ public:
     // empty at once when none is left; a reader waiting when the queue is
     // closed returns at once, with a message only if one was put before the
     // close and is still there. Takes the queue's lock, not while waiting.
+    // Allocates nothing.
     std::shared_ptr<const Message> getMessage(std::chrono::milliseconds timeout) override;
     using MessageQueueInterface::getMessage;
 
-    // The number of entries (null ones included), cut to 32 bits. Takes the lock.
+    // The number of entries (null ones included), cut to 32 bits. Takes the
+    // lock. Allocates nothing.
     unsigned int getAvailableMessagesCount() const override;
 
     // The number of puts this queue refused (returned false for) since it
     // was made. Read without the queue's lock: never blocks; a snapshot.
+    // Allocates nothing.
     std::uint64_t refusedPuts() const noexcept;
 
     // Closes the queue (see above): wakes every waiting reader, and refuses
     // every later put. Messages already queued stay to be read. Idempotent.
-    // Takes the queue's lock; never blocks otherwise.
+    // Takes the queue's lock; never blocks otherwise. Allocates nothing.
     void close();
-    // True once close() has been called. Read without the lock.
+    // True once close() has been called. Read without the lock. Allocates nothing.
     bool isClosed() const noexcept;
 
     // For callers that hold `mutex()`'s lock: append and wake one reader,
-    // whether or not the queue is closed.
+    // whether or not the queue is closed. Strong guarantee: on
+    // std::bad_alloc nothing is queued and no reader is woken.
     void internalPutMessage(std::shared_ptr<const Message> message);
     // For callers that hold the lock: remove and return the front entry, or
-    // an empty pointer when there is none.
+    // an empty pointer when there is none. Allocates nothing.
     std::shared_ptr<const Message> internalGetImmediateMessage();
 
 protected:

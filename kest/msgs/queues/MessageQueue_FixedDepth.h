@@ -24,6 +24,7 @@ public:
     static constexpr unsigned int DefaultDepth = 100;
 
     // Depth `maxDepth`, stored as given: a queue of depth 0 refuses everything.
+    // Strong guarantee (both constructors): std::bad_alloc makes nothing.
     explicit MessageQueue_FixedDepth(unsigned int maxDepth);
     // The arguments are ignored: depth DefaultDepth (100).
     explicit MessageQueue_FixedDepth(const std::vector<std::string>& args);
@@ -33,10 +34,13 @@ public:
     // Appends and returns true when fewer than the maximum are pending and
     // the queue is open; else false, with the queue, the message and any
     // waiting reader untouched, and the refusal counted (refusedPuts).
-    // close() and isClosed() are MessageQueue's.
+    // close() and isClosed() are MessageQueue's. Strong guarantee: on
+    // std::bad_alloc nothing is queued and no reader is woken; a refusal
+    // allocates nothing.
     bool putMessage(std::shared_ptr<const Message> message) override;
     unsigned int getAvailableMessagesCount() const override;
-    // A depth of 0 is ignored. Lowering the depth removes nothing.
+    // A depth of 0 is ignored. Lowering the depth removes nothing. Reading
+    // and setting the depth allocate nothing.
     void setMaxDepth(unsigned int depth) override;
     unsigned int getMaxDepth() const override;
 
