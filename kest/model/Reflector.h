@@ -26,7 +26,8 @@
 // scalar or record field with operator()() throws MetaDataException.
 //
 // Memory: a read that runs out of memory is a failed read like any other
-// and throws nothing: a scalar or record field is reset, an array field keeps
+// and throws nothing: a scalar or record field is reset (a record field whose
+// default record cannot be made is only marked unset), an array field keeps
 // its value and prints its "MetaData Array corrupt for <name>" line (the line
 // is written whole even to a std::cout whose buffer cannot grow); a record
 // read field by field reads its other fields as usual. Assigning a field (operator=, assign) gives the strong guarantee: if
@@ -114,8 +115,12 @@ public:
     ReflectorNoWriteParend& operator=(const ReflectorNoWriteParend& other) {
         if constexpr (std::is_nothrow_swappable_v<T>) {
             if (this != &other) {
-                // Everything that allocates happens in the copy.
-                ReflectorNoWriteParend copy(nullptr, other);
+                // Everything that allocates happens in a copy aside; the value
+                // is assigned with T's own operator= (a record's may do more
+                // than copy, e.g. keep a required field set), then swapped in.
+                ReflectorNoWriteParend copy(nullptr, *this);
+                copy.ReflectorBase::operator=(other);
+                copy.value_ = other.value_;
                 swap(copy);
             }
         } else {
@@ -189,14 +194,13 @@ protected:
 
 private:
     // reset() that cannot throw: a default record allocates its field list,
-    // so when memory has run out the record's own fields are reset instead,
-    // by reading them from an empty tree (which never throws either).
+    // and when even that fails the field is only marked unset, its value
+    // left as read (operator()() then throws as for any unset field).
     void resetAfterFailedRead() noexcept {
         if constexpr (std::is_base_of_v<MirroredObject, T>) {
             try {
                 value_ = T();
             } catch (...) {
-                value_.copyFromMetaData(Element());
             }
         } else {
             value_ = T();
