@@ -29,11 +29,19 @@
 // own does). Peer: a DEALER here, a ROUTER in the child answering each frame
 // from its thread. Every round trip is timed on its own; p50_ns, p90_ns and
 // p99_ns are percentiles of those, the benchmark time their mean.
+//
+// Floors, in this process alone, without sockets: what each end of the
+// bridge does per message of a throughput run. Encode: the sending stand-in's
+// encoding into its kept buffer. Receive: the receiving bridge's decoding of
+// a frame and its post to a MessageCallback subscriber. The slower of the two
+// bounds what the bridge can carry per second on one core each, whatever the
+// sockets do.
 
 #include "BenchSupport.h"
 #include "BridgeBench.h"
 
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/PostScope.h>
 #include <kest/msgs/queues/MessageCallback.h>
 #include <kest/msgs/queues/MessageQueue.h>
 #include <kest/net/Bridge.h>
@@ -293,6 +301,60 @@ void guarded(benchmark::State& state, Body body) {
         if (!state.error_occurred()) state.SkipWithError(error.what());
     }
 }
+
+// ---- Floors ---------------------------------------------------------------------------
+
+void BM_Bridge_Floor_Encode(benchmark::State& state) {
+    const auto message = makeReading<ReadingMessage>(kWarmUpMessages + 199999);
+    Kest::Net::Envelope envelope;
+    envelope.origin = "tcp://127.0.0.1:65000";
+    envelope.epoch = 0x9e3779b97f4a7c15;
+    envelope.scope = Kest::Net::Scope::Subscribers;
+    envelope.sequence = 200000;
+    std::string buffer;
+    for (auto _ : state) {
+        Kest::Net::encodeTo(buffer, *message, envelope);
+        benchmark::DoNotOptimize(buffer.data());
+        ++envelope.sequence;
+    }
+    state.counters["frame_bytes"] = static_cast<double>(buffer.size() + 1);
+}
+BENCHMARK(BM_Bridge_Floor_Encode);
+
+void BM_Bridge_Floor_Receive(benchmark::State& state) {
+    registerReadingTypes();
+    auto dispatcher = std::make_shared<MessageDispatcher>();
+    std::uint64_t delivered = 0;
+    auto sink = std::make_shared<MessageCallback>(
+        [&delivered](const std::shared_ptr<const Message>& /*message*/) { ++delivered; });
+    dispatcher->subscribe(sink, {}, ReadingMessage::Id);
+    const MessageDispatcher::QueuePtr sender = std::make_shared<MessageQueue>();  // the stand-in's place
+    // The dispatcher refuses a repeated identity: each batch of frames holds
+    // fresh messages, made with the timer paused.
+    std::vector<std::string> frames(4096);
+    std::uint64_t made = 0;
+    auto refill = [&] {
+        for (std::string& frame : frames) {
+            frame = dataFrame(*makeReading<ReadingMessage>(made), "tcp://127.0.0.1:65000", made);
+            ++made;
+        }
+    };
+    refill();
+    std::size_t next = 0;
+    for (auto _ : state) {
+        if (next == frames.size()) {
+            state.PauseTiming();
+            refill();
+            next = 0;
+            state.ResumeTiming();
+        }
+        const std::string& frame = frames[next++];
+        Kest::Net::Decoded decoded = Kest::Net::decodeWithEnvelope(std::string_view(frame).substr(1));
+        dispatcher->postMessage(std::move(decoded.message), sender, Kest::Msgs::PostScope::Subscribers);
+    }
+    checkDelivered(state, delivered, static_cast<std::uint64_t>(state.iterations()));
+}
+BENCHMARK(BM_Bridge_Floor_Receive);
 
 // ---- Throughput ----------------------------------------------------------------------
 
