@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Builds and runs the benchmark suite (kest_bench, kest_bench_memory and
-# kest_bench_net, whose results stay in build/bench/results/), then writes
-# docs/benchmarks.md with its
-# plots docs/benchmarks_fanout.svg, docs/benchmarks_fanout_fresh.svg and
-# docs/benchmarks_routing.svg through scripts/bench_report.py, which also
+# Builds and runs the benchmark suite (kest_bench, kest_bench_memory,
+# kest_bench_net and kest_bench_bridge, whose results stay in
+# build/bench/results/), then writes docs/benchmarks.md with its
+# plots docs/benchmarks_fanout.svg, docs/benchmarks_fanout_fresh.svg,
+# docs/benchmarks_routing.svg and docs/benchmarks_bridge.svg through
+# scripts/bench_report.py, which also
 # judges each target met or missed and copies in the hand-kept notes of
-# bench/posting-path-history.md.
+# bench/posting-path-history.md and bench/bridge-history.md.
 #
-#   scripts/bench.sh           the full run, about 6 minutes on two cores
+#   scripts/bench.sh           the full run, about 8 minutes on two cores
 #   scripts/bench.sh --quick   a short run that checks the whole chain; its
 #                              report goes to build/bench/results/, never to docs/
 #
@@ -67,12 +68,13 @@ else
   library_commit="unknown (not a git checkout)"
 fi
 cmake --preset bench
-cmake --build --preset bench --target kest_bench kest_bench_memory kest_bench_net
+cmake --build --preset bench --target kest_bench kest_bench_memory kest_bench_net kest_bench_bridge
 
 # ---- Run -------------------------------------------------------------------------
 
 mkdir -p "$results" "$report_dir"
-rm -f "$results/kest_bench.json" "$results/memory.json" "$results/kest_bench_net.json"
+rm -f "$results/kest_bench.json" "$results/memory.json" "$results/kest_bench_net.json" \
+  "$results/kest_bench_bridge.json"
 read -r load_before _ < /proc/loadavg
 started=$(date +%s)
 
@@ -89,8 +91,7 @@ echo "== timings (kest_bench: $repetitions repetitions of at least ${min_time}s 
   --benchmark_out="$results/kest_bench.json" \
   --benchmark_out_format=json | tee "$results/kest_bench.txt"
 
-# Encode and decode beside msgpack-cxx's floor. Kept beside the report's
-# inputs (kest_bench_net.json, .txt); the report does not read them yet.
+# Encode and decode beside msgpack-cxx's floor.
 echo "== wire (kest_bench_net: $repetitions repetitions of at least ${min_time}s each)"
 "$build/bench/kest_bench_net" \
   --benchmark_repetitions="$repetitions" \
@@ -99,6 +100,20 @@ echo "== wire (kest_bench_net: $repetitions repetitions of at least ${min_time}s
   --benchmark_display_aggregates_only=true \
   --benchmark_out="$results/kest_bench_net.json" \
   --benchmark_out_format=json | tee "$results/kest_bench_net.txt"
+
+# The bridge between two processes over 127.0.0.1 beside raw ZeroMQ. Each
+# benchmark runs a fixed count (200,000 messages, 10,000 round trips) with a
+# child process of its own, so --benchmark_min_time applies only to its
+# in-process floors; every
+# wait for the child is bounded, and the child ends with its benchmark.
+echo "== bridge (kest_bench_bridge: $repetitions repetitions)"
+"$build/bench/kest_bench_bridge" \
+  --benchmark_repetitions="$repetitions" \
+  --benchmark_min_time="$min_time" \
+  --benchmark_enable_random_interleaving=true \
+  --benchmark_display_aggregates_only=true \
+  --benchmark_out="$results/kest_bench_bridge.json" \
+  --benchmark_out_format=json | tee "$results/kest_bench_bridge.txt"
 
 read -r load_after _ < /proc/loadavg
 elapsed=$(($(date +%s) - started))
@@ -111,9 +126,12 @@ echo "== writing $report_dir/benchmarks.md"
 python3 "$root/scripts/bench_report.py" \
   --bench-json "$results/kest_bench.json" \
   --memory-json "$results/memory.json" \
+  --net-json "$results/kest_bench_net.json" \
+  --bridge-json "$results/kest_bench_bridge.json" \
   --out-dir "$report_dir" \
   --data-dir "$results" \
   --include "$root/bench/posting-path-history.md" \
+  --include "$root/bench/bridge-history.md" \
   --commit "$library_commit" \
   --min-time "$min_time" \
   --load-before "$load_before" \

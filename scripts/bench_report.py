@@ -1,12 +1,16 @@
 #!/usr/bin/env python3
 """Writes docs/benchmarks.md (or another report directory's benchmarks.md) from
-the Google Benchmark JSON of kest_bench and the JSON of kest_bench_memory:
-the tables of every workload, the ratios against the peers, the targets with
-their verdicts, the plots (through gnuplot, when it is installed), and at the
-end the hand-kept notes given with --include, copied verbatim.
+the Google Benchmark JSON of kest_bench and the JSON of kest_bench_memory,
+and, when given, of kest_bench_net (the wire format) and kest_bench_bridge
+(the bridge between two processes): the tables of every workload, the ratios
+against the peers, the targets with their verdicts, the plots (through
+gnuplot, when it is installed), and at the end the hand-kept notes given with
+--include, copied verbatim.
 
     bench_report.py --bench-json results/kest_bench.json --out-dir docs \\
         [--memory-json results/memory.json] [--data-dir results] \\
+        [--net-json results/kest_bench_net.json] \\
+        [--bridge-json results/kest_bench_bridge.json] \\
         [--include bench/posting-path-history.md] [--commit TEXT] \\
         [--min-time S] [--load-before X] [--load-after X] [--elapsed S] [--no-plots]
 
@@ -54,7 +58,8 @@ class Run:
         # Multi-threaded workloads are timed on the wall clock; the others by
         # the CPU time of their one thread, which leaves out the time the shared
         # machine gave to other processes.
-        self.real_time_only = "real_time" in parts
+        # A benchmark that times itself (manual_time) reports wall-clock time.
+        self.real_time_only = "real_time" in parts or "manual_time" in parts
         self.repetitions = {}  # repetition index -> entry
         self.aggregates = {}  # aggregate name -> entry
         self.error = None
@@ -197,9 +202,10 @@ MET, MISSED, NOT_MEASURED = "met", "missed", "not measured"
 class Target:
     """A limit, the value this run measured for it, and the verdict."""
 
-    def __init__(self, label, limit, unit, value, source, spread=None, note=None):
+    def __init__(self, label, limit, unit, value, source, spread=None, note=None, at_least=False):
         self.label = label
         self.limit = limit
+        self.at_least = at_least  # met when value >= limit (a rate), else when value <= limit
         self.unit = unit  # "ratio" or "ns"
         self.value = value  # None when not measured
         self.source = source  # how the value is computed, benchmark names included
@@ -210,7 +216,10 @@ class Target:
     def verdict(self):
         if self.value is None:
             return NOT_MEASURED
-        return MET if self.value <= self.limit else MISSED
+        return MET if self._within(self.value) else MISSED
+
+    def _within(self, value):
+        return value >= self.limit if self.at_least else value <= self.limit
 
     def _format(self, value, digits):
         return fmt_factor(value, digits) if self.unit == "ratio" else fmt_time(value, digits)
@@ -221,7 +230,7 @@ class Target:
         # Enough digits that the number shown agrees with the verdict (×1.004
         # against a limit of ×1.0 is shown so, not as ×1.00).
         digits = 2 if self.unit == "ratio" else 1
-        while digits < 6 and (round(self.value, digits) <= self.limit) != (self.value <= self.limit):
+        while digits < 6 and self._within(round(self.value, digits)) != self._within(self.value):
             digits += 1
         text = self._format(self.value, digits)
         if self.spread is not None:
@@ -230,7 +239,10 @@ class Target:
         return text
 
     def shown_limit(self):
-        return "≤ " + (fmt_factor(self.limit, 1) if self.unit == "ratio" else fmt_time(self.limit, 0))
+        sign = "≥ " if self.at_least else "≤ "
+        # One decimal, or two where one would round the limit (×1.25 is not ×1.2).
+        digits = 1 if round(self.limit, 1) == self.limit else 2
+        return sign + (fmt_factor(self.limit, digits) if self.unit == "ratio" else fmt_time(self.limit, 0))
 
 
 def _missing_note(suite, *names):
@@ -334,6 +346,47 @@ def compute_targets(suite):
         median_ratio_target(suite, "W3 services: K = 100,000 ÷ K = 13", 1.3,
                             ("BM_Routing_KestServices", {"keys": 100000}),
                             ("BM_Routing_KestServices", {"keys": 13})),
+    ]
+
+
+BRIDGE_MESSAGES = 200000
+BRIDGE_THROUGHPUT_KEST = "BM_Bridge_Throughput_Kest"
+BRIDGE_THROUGHPUT_ZMQ = "BM_Bridge_Throughput_ZmqPubSub"
+BRIDGE_ROUND_TRIPS = [("Kest, I/O threads (`start()`), `MessageQueue` readers", "BM_Bridge_RoundTrip_Kest"),
+                      ("Kest, each host's own loop (`poll()`), `MessageCallback`", "BM_Bridge_RoundTrip_KestPoll"),
+                      ("raw ZeroMQ DEALER → ROUTER, answered from the ROUTER's thread",
+                       "BM_Bridge_RoundTrip_ZmqDealerRouter")]
+BRIDGE_ROUND_TRIP_ZMQ = "BM_Bridge_RoundTrip_ZmqDealerRouter"
+BRIDGE_PERCENTILES = [50, 90, 99]
+
+
+def counter_ratio_target(suite, label, limit, counter, numerator, denominator, at_least=False):
+    """The ratio of the medians of one counter of two benchmarks (base name, args)."""
+    (a_base, a_args), (b_base, b_args) = numerator, denominator
+    a, b = suite.measured(a_base, **a_args), suite.measured(b_base, **b_args)
+    value = ratio(a.median(counter) if a else None, b.median(counter) if b else None)
+    source = f"median {counter} of `{_name(a_base, a_args)}` ÷ that of `{_name(b_base, b_args)}`"
+    return Target(label, limit, "ratio", value, source, at_least=at_least,
+                  note=None if value is not None else _missing_note(suite, numerator, denominator))
+
+
+BRIDGE_THROUGHPUT = "Bridge throughput: Kest ÷ raw ZeroMQ PUB/SUB, messages per second"
+BRIDGE_P50_THREAD = "Bridge round trip p50: Kest with I/O threads ÷ raw ZeroMQ"
+BRIDGE_P50_POLL = "Bridge round trip p50: Kest in the hosts' loops (`poll()`) ÷ raw ZeroMQ"
+
+
+def compute_bridge_targets(bridge):
+    """The bridge's targets; none without its JSON."""
+    if bridge is None:
+        return []
+    messages = {"messages": BRIDGE_MESSAGES}
+    return [
+        counter_ratio_target(bridge, BRIDGE_THROUGHPUT, 0.8, "msgs_per_s", (BRIDGE_THROUGHPUT_KEST, messages),
+                             (BRIDGE_THROUGHPUT_ZMQ, messages), at_least=True),
+        counter_ratio_target(bridge, BRIDGE_P50_THREAD, 1.25, "p50_ns", ("BM_Bridge_RoundTrip_Kest", {}),
+                             (BRIDGE_ROUND_TRIP_ZMQ, {})),
+        counter_ratio_target(bridge, BRIDGE_P50_POLL, 1.25, "p50_ns", ("BM_Bridge_RoundTrip_KestPoll", {}),
+                             (BRIDGE_ROUND_TRIP_ZMQ, {})),
     ]
 
 
@@ -594,6 +647,108 @@ def parts_section(suite):
     return out
 
 
+def fmt_rate(value):
+    return "n/a" if value is None else f"{value / 1e3:,.0f} k/s"
+
+
+def bridge_section(bridge):
+    out = ["## Bridge between two processes\n"]
+    out.append(
+        "From `kest_bench_bridge`: this process and a child it starts (`kest_bench_bridge_peer`, one "
+        "per benchmark run) over TCP on 127.0.0.1, beside raw ZeroMQ sending frames of the same bytes "
+        "(the message as the bridge puts it on the wire: a `PayloadMessage` of four fields with a "
+        "three-part sender, its envelope and frame kind; *frame* below) in the same run. Throughput: "
+        f"{BRIDGE_MESSAGES:,} messages posted into the dispatcher here, counted by a `MessageCallback` "
+        "subscriber in the child on its bridge's I/O thread; the peer sends as many frames from a PUB "
+        "to a SUB whose thread counts them. Both queue at most as many as the run sends (the bridge's "
+        "`sendBuffer`, the PUB's high-water mark), so neither drops; the time runs until the child "
+        "reports the last arrival. Round trip: a request posted here, answered by the child with a "
+        "fresh message through its bridge; the peer is a DEALER here and a ROUTER in the child. Each "
+        "round trip is timed on its own; p50, p90 and p99 are medians over the repetitions.\n")
+    if bridge is None:
+        out.append("`kest_bench_bridge` was not run.\n")
+        return out
+    messages = {"messages": BRIDGE_MESSAGES}
+    kest = bridge.measured(BRIDGE_THROUGHPUT_KEST, **messages)
+    zmq = bridge.measured(BRIDGE_THROUGHPUT_ZMQ, **messages)
+    k_rate = kest.median("msgs_per_s") if kest else None
+    z_rate = zmq.median("msgs_per_s") if zmq else None
+    thread = bridge.measured("BM_Bridge_RoundTrip_Kest")
+    polled = bridge.measured("BM_Bridge_RoundTrip_KestPoll")
+    raw = bridge.measured(BRIDGE_ROUND_TRIP_ZMQ)
+    p50 = {run: run.median("p50_ns") if run else None for run in (thread, polled, raw)}
+    by_label = {t.label: t for t in compute_bridge_targets(bridge)}
+    rows = [
+        ["Throughput, messages per second", fmt_rate(k_rate), fmt_rate(z_rate), fmt_ratio(k_rate, z_rate),
+         by_label[BRIDGE_THROUGHPUT].shown_limit(), f"**{by_label[BRIDGE_THROUGHPUT].verdict}**"],
+        ["Round trip p50, I/O threads (`start()`)", fmt_time(p50[thread]), fmt_time(p50[raw]),
+         fmt_ratio(p50[thread], p50[raw]), by_label[BRIDGE_P50_THREAD].shown_limit(),
+         f"**{by_label[BRIDGE_P50_THREAD].verdict}**"],
+        ["Round trip p50, hosts' own loops (`poll()`)", fmt_time(p50[polled]), fmt_time(p50[raw]),
+         fmt_ratio(p50[polled], p50[raw]), by_label[BRIDGE_P50_POLL].shown_limit(),
+         f"**{by_label[BRIDGE_P50_POLL].verdict}**"],
+    ]
+    out.append(table(["Workload", "Kest", "raw ZeroMQ", "Kest ÷ raw", "target", "verdict"], rows))
+    out.append("")
+    rows = []
+    for label, base in BRIDGE_ROUND_TRIPS:
+        run = bridge.measured(base)
+        if run is None:
+            rows.append([label] + ["n/a"] * 6)
+            continue
+        values = [run.median(f"p{p}_ns") for p in BRIDGE_PERCENTILES]
+        rows.append([label, fmt_time(run.median())] + [fmt_time(v) for v in values]
+                    + [fmt_ratio(values[0], p50[raw]), fmt_bytes(run.median("frame_bytes") or 0)])
+    out.append(table(["Round trip", "mean", "p50", "p90", "p99", "p50 ÷ raw p50", "frame (B)"], rows))
+    out.append("")
+    encode = bridge.median("BM_Bridge_Floor_Encode")
+    receive = bridge.median("BM_Bridge_Floor_Receive")
+    out.append(
+        "Floors, in one process without sockets: what each end does per message. The slower end "
+        "bounds the throughput a bridge can reach with one core per end, whatever the network does.\n")
+    out.append(table(["Per message", "median", "at most, per second"], [
+        ["Encode (the sending stand-in)", fmt_time(encode), fmt_rate(1e9 / encode if encode else None)],
+        ["Decode and deliver to a `MessageCallback` (the receiving bridge)", fmt_time(receive),
+         fmt_rate(1e9 / receive if receive else None)],
+    ]))
+    out.append("\n![Bridge round trip over 127.0.0.1: latency percentiles](benchmarks_bridge.svg)\n")
+    return out
+
+
+WIRE_PAIRS = [("Small", "a `Message` with a three-part sender"),
+              ("4KiB", "a `GenericMessage` with a 4 KiB tree")]
+
+
+def wire_section(net):
+    out = ["## Wire: encode and decode\n"]
+    out.append(
+        "From `kest_bench_net`: `Kest::Net::encodeTo` and `decode` beside their floor, msgpack-cxx "
+        "packing the same tree from plain structs into its own buffer and unpacking the same bytes "
+        "into an object handle (the floor's bytes are checked to equal ours first). Medians of the "
+        "CPU time.\n")
+    if net is None:
+        out.append("`kest_bench_net` was not run.\n")
+        return out
+    rows = []
+    for size, what in WIRE_PAIRS:
+        for step in ("Encode", "Decode"):
+            kest = net.median(f"BM_Wire_{step}_{size}")
+            floor = net.median(f"BM_Wire_{step}Floor_{size}")
+            run = net.measured(f"BM_Wire_{step}_{size}")
+            size_bytes = run.median("bytes") if run else None
+            rows.append([f"{step}, {what}", fmt_time(kest), fmt_time(floor), fmt_ratio(kest, floor),
+                         fmt_bytes(size_bytes) if size_bytes is not None else "n/a"])
+    out.append(table(["Step", "Kest", "msgpack-cxx floor", "Kest ÷ floor", "bytes"], rows))
+    out.append("")
+    others = [(label, net.median(base)) for label, base in [
+        ("Making the small message as decode makes it", "BM_Wire_MessageFloor_Small"),
+        ("Reading every value of the 4 KiB tree", "BM_Wire_TreeRead_4KiB"),
+        ("Copying the 4 KiB tree", "BM_Wire_TreeCopy_4KiB")]]
+    out.append(table(["Part of the floor", "median"], [[label, fmt_time(v)] for label, v in others]))
+    out.append("")
+    return out
+
+
 def memory_section(memory):
     out = ["## Memory\n"]
     out.append(
@@ -664,12 +819,14 @@ def medians_section(suite):
     return out
 
 
-def render(suite, memory, options, includes=()):
-    """The whole markdown report as one string."""
+def render(suite, memory, options, includes=(), net=None, bridge=None):
+    """The whole markdown report as one string. `net` and `bridge`: the Suites of kest_bench_net
+    and kest_bench_bridge, or None when they were not run."""
     out = ["# Benchmarks\n"]
     out.append(
         "Generated by `scripts/bench.sh` (through `scripts/bench_report.py`) from one run of "
-        "`kest_bench` (Google Benchmark) and `kest_bench_memory`. Every ratio compares two "
+        "`kest_bench` (Google Benchmark) and `kest_bench_memory`, with `kest_bench_net` (the wire "
+        "format) and `kest_bench_bridge` (the bridge between two processes). Every ratio compares two "
         "benchmarks of that same run. Do not edit by hand: run the script again; the notes at the "
         "end are kept by hand in their own file and copied in.\n")
     out += machine_section(suite, options)
@@ -684,12 +841,14 @@ def render(suite, memory, options, includes=()):
         "workloads (W1 and W2, *fresh message per post*) make each message inside the timed "
         "region and drop it there, as producers and consumers do. W5 times the making of a "
         "message on its own.\n")
-    out += targets_section(compute_targets(suite))
+    out += targets_section(compute_targets(suite) + compute_bridge_targets(bridge))
     out += fanout_section(suite)
     out += pipe_section(suite)
     out += routing_section(suite)
     out += pingpong_section(suite)
     out += parts_section(suite)
+    out += wire_section(net)
+    out += bridge_section(bridge)
     out += memory_section(memory)
     out += noise_section(suite)
     out += medians_section(suite)
@@ -702,7 +861,7 @@ def render(suite, memory, options, includes=()):
 # ---- Plots -------------------------------------------------------------------------------------
 
 
-def gnuplot_script(svg, data, title, xlabel, labels, series):
+def gnuplot_script(svg, data, title, xlabel, labels, series, ylabel="ns per post (median)", logscale="xy"):
     """The gnuplot commands for one plot, or None if no series has a value. Column i + 2 of `data`
     holds series i; a series without any value is left out."""
     curves = ", ".join(
@@ -715,8 +874,8 @@ def gnuplot_script(svg, data, title, xlabel, labels, series):
         f"set output '{svg}'",
         f"set title '{title}'",
         f"set xlabel '{xlabel}'",
-        "set ylabel 'ns per post (median)'",
-        "set logscale xy",
+        f"set ylabel '{ylabel}'",
+        f"set logscale {logscale}",
         "set grid",
         "set rmargin 6",
         "set offsets graph 0.03, graph 0.03, 0, 0",
@@ -732,17 +891,27 @@ def write_series(path, xs, series):
             f.write(f"{x} " + " ".join("NaN" if v is None else f"{v:.3f}" for v in values) + "\n")
 
 
-def plot(name, title, xlabel, xs, labels, series, data_dir, out_dir):
+def plot(name, title, xlabel, xs, labels, series, data_dir, out_dir, **axes):
     data = os.path.join(data_dir, name + ".dat")
     write_series(data, xs, series)
-    script = gnuplot_script(os.path.join(out_dir, name + ".svg"), data, title, xlabel, labels, series)
+    script = gnuplot_script(os.path.join(out_dir, name + ".svg"), data, title, xlabel, labels, series, **axes)
     if script is None:
         print(f"bench_report: no data for {name}.svg, not plotted", file=sys.stderr)
         return
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
 
 
-def plots(suite, data_dir, out_dir):
+def bridge_plot_series(bridge):
+    """Per round-trip benchmark, its median p50, p90 and p99 in µs (None where not measured)."""
+    series = []
+    for _, base in BRIDGE_ROUND_TRIPS:
+        run = bridge.measured(base) if bridge is not None else None
+        values = [run.median(f"p{p}_ns") if run else None for p in BRIDGE_PERCENTILES]
+        series.append([v / 1e3 if v is not None else None for v in values])
+    return series
+
+
+def plots(suite, data_dir, out_dir, bridge=None):
     if not shutil.which("gnuplot"):
         print("bench_report: gnuplot not found, no plots written", file=sys.stderr)
         return
@@ -759,6 +928,10 @@ def plots(suite, data_dir, out_dir):
          [[s.median(b, keys=k) for k in ROUTING_KEYS]
           for b in ("BM_Routing_KestSubscriptions", "BM_Routing_KestServices", "BM_Routing_Zmq")],
          data_dir, out_dir)
+    if bridge is not None:
+        plot("benchmarks_bridge", "Bridge round trip between two processes over 127.0.0.1", "percentile",
+             BRIDGE_PERCENTILES, ["Kest, I/O threads", "Kest, poll() in the hosts' loops", "raw ZeroMQ"],
+             bridge_plot_series(bridge), data_dir, out_dir, ylabel="µs per round trip (median)", logscale="y")
 
 
 # ---- Entry point -------------------------------------------------------------------------------
@@ -768,6 +941,8 @@ def parse_args(argv):
     parser = argparse.ArgumentParser(description="Writes benchmarks.md from kest_bench's JSON.")
     parser.add_argument("--bench-json", required=True, help="kest_bench --benchmark_out file")
     parser.add_argument("--memory-json", help="kest_bench_memory output (optional)")
+    parser.add_argument("--net-json", help="kest_bench_net --benchmark_out file (optional)")
+    parser.add_argument("--bridge-json", help="kest_bench_bridge --benchmark_out file (optional)")
     parser.add_argument("--out-dir", required=True, help="where benchmarks.md and the plots go")
     parser.add_argument("--data-dir", help="where the plots' data files go (default: --out-dir)")
     parser.add_argument("--include", action="append", default=[],
@@ -788,6 +963,17 @@ def main(argv=None):
     except (OSError, ValueError) as error:
         print(f"bench_report: cannot read {options.bench_json}: {error}", file=sys.stderr)
         return 1
+    extra = {}
+    for key, path in (("net", options.net_json), ("bridge", options.bridge_json)):
+        extra[key] = None
+        if not path:
+            continue
+        try:
+            extra[key] = Suite.load(path)
+        except (OSError, ValueError) as error:
+            # One executable that failed leaves its sections "not run", not the whole report.
+            print(f"bench_report: cannot read {path}: {error}; its sections say it was not run",
+                  file=sys.stderr)
     memory = []
     if options.memory_json and os.path.exists(options.memory_json):
         with open(options.memory_json) as f:
@@ -798,12 +984,12 @@ def main(argv=None):
             includes.append(f.read())
     os.makedirs(options.out_dir, exist_ok=True)
     with open(os.path.join(options.out_dir, "benchmarks.md"), "w") as f:
-        f.write(render(suite, memory, options, includes))
+        f.write(render(suite, memory, options, includes, **extra))
     if not options.no_plots:
         data_dir = options.data_dir or options.out_dir
         os.makedirs(data_dir, exist_ok=True)
-        plots(suite, data_dir, options.out_dir)
-    for target in compute_targets(suite):
+        plots(suite, data_dir, options.out_dir, extra["bridge"])
+    for target in compute_targets(suite) + compute_bridge_targets(extra["bridge"]):
         print(f"{target.verdict:>12}: {target.label}: {target.shown_value()} (limit {target.shown_limit()})")
     return 0
 

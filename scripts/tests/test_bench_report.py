@@ -381,6 +381,158 @@ class Tables(unittest.TestCase):
         self.assertEqual(markdown.count("What changed: *by hand*."), 1)
 
 
+# ---- Wire and bridge --------------------------------------------------------------------------
+
+THROUGHPUT = "/messages:200000/iterations:1/manual_time"
+ROUND_TRIP = "/iterations:10000/real_time"
+
+# kest_bench_bridge: times per repetition and counters, chosen so that every bridge target is met.
+BRIDGE = {
+    "BM_Bridge_Floor_Encode": [700, 710, 690],
+    "BM_Bridge_Floor_Receive": [2500, 2600, 2400],
+    "BM_Bridge_Throughput_Kest" + THROUGHPUT: ([200, 210, 190], "ms",
+                                               {"msgs_per_s": [1.0e6, 0.95e6, 1.05e6],
+                                                "frame_bytes": [151, 151, 151]}),
+    "BM_Bridge_Throughput_ZmqPubSub" + THROUGHPUT: ([160, 170, 150], "ms",
+                                                    {"msgs_per_s": [1.2e6, 1.25e6, 1.15e6],
+                                                     "frame_bytes": [151, 151, 151]}),
+    "BM_Bridge_RoundTrip_Kest" + ROUND_TRIP: ([120, 125, 130], "us",
+                                              {"p50_ns": [110e3, 112e3, 114e3], "p90_ns": [150e3] * 3,
+                                               "p99_ns": [300e3] * 3, "frame_bytes": [147] * 3}),
+    "BM_Bridge_RoundTrip_KestPoll" + ROUND_TRIP: ([100, 100, 100], "us",
+                                                  {"p50_ns": [95e3, 96e3, 97e3], "p90_ns": [130e3] * 3,
+                                                   "p99_ns": [250e3] * 3, "frame_bytes": [147] * 3}),
+    "BM_Bridge_RoundTrip_ZmqDealerRouter" + ROUND_TRIP: ([95, 95, 95], "us",
+                                                         {"p50_ns": [90e3, 91e3, 92e3], "p90_ns": [120e3] * 3,
+                                                          "p99_ns": [240e3] * 3, "frame_bytes": [147] * 3}),
+}
+
+# kest_bench_net.
+NET = {
+    "BM_Wire_Encode_Small": ([150, 150, 150], "ns", {"bytes": [85] * 3}),
+    "BM_Wire_EncodeFloor_Small": ([60, 60, 60], "ns", {"bytes": [85] * 3}),
+    "BM_Wire_Decode_Small": ([400, 400, 400], "ns", {"bytes": [85] * 3}),
+    "BM_Wire_DecodeFloor_Small": ([100, 100, 100], "ns", {"bytes": [85] * 3}),
+    "BM_Wire_MessageFloor_Small": [160, 160, 160],
+    "BM_Wire_Encode_4KiB": ([4400, 4400, 4400], "ns", {"bytes": [4033] * 3}),
+    "BM_Wire_EncodeFloor_4KiB": ([1100, 1100, 1100], "ns", {"bytes": [4033] * 3}),
+    "BM_Wire_Decode_4KiB": ([18000, 18000, 18000], "ns", {"bytes": [4033] * 3}),
+    "BM_Wire_DecodeFloor_4KiB": ([3000, 3000, 3000], "ns", {"bytes": [4033] * 3}),
+    "BM_Wire_TreeRead_4KiB": [3100, 3100, 3100],
+    "BM_Wire_TreeCopy_4KiB": [8000, 8000, 8000],
+}
+
+
+def json_of(runs, overrides=None, drop=(), errors=None):
+    """A JSON file's content holding `runs` (as BASE holds the main suite's)."""
+    runs = dict(copy.deepcopy(runs), **(overrides or {}))
+    errors = errors or {}
+    benchmarks = []
+    for name, given in runs.items():
+        if any(name.startswith(prefix) for prefix in drop):
+            continue
+        times, unit, counters = given if isinstance(given, tuple) else (given, "ns", None)
+        benchmarks += entries(name, times, unit, error=errors.get(name), counters=counters)
+    return {"context": {"date": "2026-01-01T00:00:00+00:00", "num_cpus": 2}, "benchmarks": benchmarks}
+
+
+def bridge_targets(data):
+    return {t.label: t for t in report.compute_bridge_targets(report.Suite(data))}
+
+
+def render_all(bridge=None, net=None):
+    return report.render(report.Suite(suite_json()), [], OPTIONS, (),
+                         net=report.Suite(net) if net is not None else None,
+                         bridge=report.Suite(bridge) if bridge is not None else None)
+
+
+class Bridge(unittest.TestCase):
+    def test_every_bridge_target_of_the_base_run_is_met(self):
+        found = bridge_targets(json_of(BRIDGE))
+        self.assertEqual(sorted(found), sorted([report.BRIDGE_THROUGHPUT, report.BRIDGE_P50_THREAD,
+                                                report.BRIDGE_P50_POLL]))
+        for label, target in found.items():
+            self.assertEqual(target.verdict, report.MET, label)
+
+    def test_throughput_is_kest_over_raw_of_the_median_rates_and_must_reach_its_limit(self):
+        target = bridge_targets(json_of(BRIDGE))[report.BRIDGE_THROUGHPUT]
+        self.assertAlmostEqual(target.value, 1.0e6 / 1.2e6)
+        self.assertTrue(target.at_least)
+        self.assertEqual(target.shown_limit(), "≥ ×0.8")
+        slow = {"BM_Bridge_Throughput_Kest" + THROUGHPUT: ([900, 900, 900], "ms",
+                                                           {"msgs_per_s": [0.2e6, 0.22e6, 0.21e6]})}
+        target = bridge_targets(json_of(BRIDGE, slow))[report.BRIDGE_THROUGHPUT]
+        self.assertAlmostEqual(target.value, 0.21e6 / 1.2e6)
+        self.assertEqual(target.verdict, report.MISSED)
+
+    def test_a_rate_at_its_limit_is_met_and_rounding_never_shows_a_miss_as_the_limit(self):
+        at = report.Target("t", 0.8, "ratio", 0.8, "s", at_least=True)
+        self.assertEqual(at.verdict, report.MET)
+        below = report.Target("t", 0.8, "ratio", 0.7996, "s", at_least=True)
+        self.assertEqual(below.verdict, report.MISSED)
+        self.assertEqual(below.shown_value(), "×0.7996")
+
+    def test_round_trip_targets_divide_the_median_p50s(self):
+        found = bridge_targets(json_of(BRIDGE))
+        self.assertAlmostEqual(found[report.BRIDGE_P50_THREAD].value, 112e3 / 91e3)
+        self.assertAlmostEqual(found[report.BRIDGE_P50_POLL].value, 96e3 / 91e3)
+        slow = {"BM_Bridge_RoundTrip_Kest" + ROUND_TRIP: ([300] * 3, "us", {"p50_ns": [280e3] * 3})}
+        self.assertEqual(bridge_targets(json_of(BRIDGE, slow))[report.BRIDGE_P50_THREAD].verdict, report.MISSED)
+
+    def test_a_missing_or_failed_bridge_benchmark_leaves_its_target_not_measured(self):
+        found = bridge_targets(json_of(BRIDGE, drop=["BM_Bridge_Throughput_ZmqPubSub"],
+                                       errors={"BM_Bridge_RoundTrip_KestPoll" + ROUND_TRIP: "no answer in time"}))
+        self.assertEqual(found[report.BRIDGE_THROUGHPUT].verdict, report.NOT_MEASURED)
+        self.assertIn("no `BM_Bridge_Throughput_ZmqPubSub/messages:200000`", found[report.BRIDGE_THROUGHPUT].note)
+        self.assertEqual(found[report.BRIDGE_P50_POLL].verdict, report.NOT_MEASURED)
+        self.assertIn("failed", found[report.BRIDGE_P50_POLL].note)
+        self.assertEqual(found[report.BRIDGE_P50_THREAD].verdict, report.MET)
+
+    def test_self_timed_runs_are_read_by_their_wall_clock(self):
+        run = report.Suite(json_of(BRIDGE)).find("BM_Bridge_Throughput_Kest")
+        self.assertTrue(run.real_time_only)
+        self.assertEqual(run.median(), 200e6)
+
+    def test_the_targets_table_holds_the_bridge_targets_only_when_it_ran(self):
+        markdown = render_all(bridge=json_of(BRIDGE))
+        self.assertEqual(target_row(markdown, report.BRIDGE_THROUGHPUT)[2:4], ["≥ ×0.8", "**met**"])
+        self.assertEqual(target_row(markdown, report.BRIDGE_P50_POLL)[2:4], ["≤ ×1.25", "**met**"])
+        without = render_all()
+        self.assertNotIn(report.BRIDGE_THROUGHPUT, without)
+        self.assertIn("`kest_bench_bridge` was not run.", section(without, "Bridge between two processes"))
+
+    def test_bridge_section_gives_kest_raw_ratio_target_and_verdict(self):
+        text = section(render_all(bridge=json_of(BRIDGE)), "Bridge between two processes")
+        self.assertIn("| Throughput, messages per second | 1,000 k/s | 1,200 k/s | ×0.83 | ≥ ×0.8 | **met** |",
+                      text)
+        self.assertIn("| Round trip p50, I/O threads (`start()`) | 112.0 µs | 91.0 µs | ×1.23 | ≤ ×1.25 | **met** |",
+                      text)
+        self.assertIn("`MessageCallback` | 100.0 µs | 96.0 µs | 130.0 µs | 250.0 µs | ×1.05 | 147 |", text)
+        self.assertIn("| Decode and deliver to a `MessageCallback` (the receiving bridge) | 2.50 µs | 400 k/s |",
+                      text)
+        self.assertIn("(benchmarks_bridge.svg)", text)
+
+    def test_the_plot_gives_each_round_trip_its_percentiles_in_microseconds(self):
+        series = report.bridge_plot_series(report.Suite(json_of(BRIDGE, drop=["BM_Bridge_RoundTrip_KestPoll"])))
+        self.assertEqual(series, [[112.0, 150.0, 300.0], [None, None, None], [91.0, 120.0, 240.0]])
+        script = report.gnuplot_script("b.svg", "b.dat", "T", "percentile", ["a", "b", "c"], series,
+                                       ylabel="µs per round trip (median)", logscale="y")
+        self.assertIn("set logscale y\n", script)
+        self.assertIn("set ylabel 'µs per round trip (median)'", script)
+        self.assertNotIn("title 'b'", script)
+
+
+class Wire(unittest.TestCase):
+    def test_wire_section_gives_each_step_beside_its_floor(self):
+        text = section(render_all(net=json_of(NET)), "Wire: encode and decode")
+        self.assertIn("| Encode, a `Message` with a three-part sender | 150 ns | 60.0 ns | ×2.50 | 85 |", text)
+        self.assertIn("| Decode, a `GenericMessage` with a 4 KiB tree | 18.0 µs | 3.00 µs | ×6.00 | 4033 |", text)
+        self.assertIn("| Copying the 4 KiB tree | 8.00 µs |", text)
+
+    def test_without_its_json_the_wire_section_says_it_was_not_run(self):
+        self.assertIn("`kest_bench_net` was not run.", section(render_all(), "Wire: encode and decode"))
+
+
 # ---- Plots --------------------------------------------------------------------------------------
 
 
@@ -427,6 +579,38 @@ class Program(unittest.TestCase):
             self.assertIn("| message, identity only |", markdown)
             self.assertTrue(markdown.endswith("\n## Notes\n\nkept by hand\n"))
             self.assertEqual(sorted(os.listdir(out)), ["benchmarks.md"])
+
+    def test_reads_the_wire_and_bridge_results_and_prints_their_verdicts(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            paths = {}
+            for name, data in (("kest_bench", suite_json()), ("net", json_of(NET)),
+                               ("bridge", json_of(BRIDGE, {"BM_Bridge_Throughput_Kest" + THROUGHPUT: (
+                                   [900] * 3, "ms", {"msgs_per_s": [0.2e6] * 3})}))):
+                paths[name] = os.path.join(tmp, name + ".json")
+                with open(paths[name], "w") as f:
+                    json.dump(data, f)
+            out = os.path.join(tmp, "docs")
+            result = self.run_report("--bench-json", paths["kest_bench"], "--net-json", paths["net"],
+                                     "--bridge-json", paths["bridge"], "--out-dir", out, "--no-plots")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("missed: " + report.BRIDGE_THROUGHPUT, result.stdout)
+            self.assertIn("met: " + report.BRIDGE_P50_POLL, result.stdout)
+            with open(os.path.join(out, "benchmarks.md")) as f:
+                markdown = f.read()
+            self.assertIn("| Decode, a `Message` with a three-part sender | 400 ns |", markdown)
+            self.assertEqual(target_row(markdown, report.BRIDGE_THROUGHPUT)[3], "**missed**")
+
+    def test_an_unreadable_bridge_json_leaves_its_section_not_run(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            bench = os.path.join(tmp, "kest_bench.json")
+            with open(bench, "w") as f:
+                json.dump(suite_json(), f)
+            result = self.run_report("--bench-json", bench, "--bridge-json", os.path.join(tmp, "absent.json"),
+                                     "--out-dir", tmp, "--no-plots")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("cannot read", result.stderr)
+            with open(os.path.join(tmp, "benchmarks.md")) as f:
+                self.assertIn("`kest_bench_bridge` was not run.", f.read())
 
     def test_an_unreadable_json_is_an_error_not_a_report(self):
         with tempfile.TemporaryDirectory() as tmp:
