@@ -885,56 +885,67 @@ bool numberOf(const Element& e, long double& value) {
     }
 }
 
-// Where `written` (what a registered type wrote after reading `received`)
-// says something `received` does not: a member it lacks, another kind, another
-// value. Members `written` leaves out are fine (the type does not know
+// Whether `written` (what a registered type wrote after reading `received`)
+// says nothing `received` does not: no member it lacks, no other kind, no
+// other value. Members `written` leaves out are fine (the type does not know
 // them), and so is a number read into a field of another numeric kind
-// without loss. Empty when there is no such place.
-std::string mismatch(const Element& written, const Element& received, const std::string& path) {
+// without loss. On a difference, `where` gets its path below this element;
+// the path is built only then, as the walk unwinds, since every message
+// decoded takes this walk and nearly all of them match.
+bool holds(const Element& written, const Element& received, std::string& where) {
     long double a = 0;
     long double b = 0;
     if (numberOf(written, a) && numberOf(received, b)) {
-        const bool same = (a == b) || (a != a && b != b);  // NaN reads back as NaN
-        return same ? std::string() : path;
+        return (a == b) || (a != a && b != b);  // NaN reads back as NaN
     }
-    if (written.GetElementType() != received.GetElementType()) return path;
+    if (written.GetElementType() != received.GetElementType()) return false;
     switch (written.GetElementType()) {
         case Element::ObjectType: {
             const Object& w = written;
             const Object& r = received;
             for (const auto& member : w) {
-                const std::string where = path + "/" + member.first;
-                if (!r.contains(member.first)) return where;
-                std::string inner = mismatch(member.second, r.at(member.first), where);
-                if (!inner.empty()) return inner;
+                if (!r.contains(member.first) || !holds(member.second, r.at(member.first), where)) {
+                    where.insert(0, "/" + member.first);
+                    return false;
+                }
             }
-            return std::string();
+            return true;
         }
         case Element::ArrayType: {
             const Array& w = written;
             const Array& r = received;
-            if (w.size() != r.size()) return path;
+            if (w.size() != r.size()) return false;
             for (unsigned long i = 0; i < w.size(); ++i) {
-                std::string inner = mismatch(w[i], r[i], path + "/" + std::to_string(i));
-                if (!inner.empty()) return inner;
+                if (!holds(w[i], r[i], where)) {
+                    where.insert(0, "/" + std::to_string(i));
+                    return false;
+                }
             }
-            return std::string();
+            return true;
         }
         case Element::StringType: {
             std::string x, y;
             Kest::MetaData::GetAs(written, x);
             Kest::MetaData::GetAs(received, y);
-            return x == y ? std::string() : path;
+            return x == y;
         }
         case Element::BooleanType: {
             bool x = false, y = false;
             Kest::MetaData::GetAs(written, x);
             Kest::MetaData::GetAs(received, y);
-            return x == y ? std::string() : path;
+            return x == y;
         }
         default:
-            return std::string();  // both empty
+            return true;  // both empty
     }
+}
+
+// The path where `written` says something `received` does not (see holds);
+// empty when there is no such place below the root.
+std::string mismatch(const Element& written, const Element& received) {
+    std::string where;
+    if (holds(written, received, where)) return std::string();
+    return where;
 }
 
 // Fills a message of a registered type from `tree` and checks that it holds
@@ -954,14 +965,16 @@ void fill(Message& message, const Element& tree) {
         if (unset.empty() && field.isRequired()) unset = field.name();
         if (unread.empty() && Kest::MetaData::HasElement(tree, field.name())) unread = field.name();
     });
-    const Identifier id = message.id();
-    const std::string type = "the type registered for identifier " + std::to_string(static_cast<unsigned long>(id));
-    if (!unread.empty()) decodeError("the tree's member /" + unread + " is not in a form " + type + " can hold");
-    if (!unset.empty()) decodeError("the tree lacks \"" + unset + "\", which " + type + " requires");
+    // Named only for an error: a message that decodes needs no text.
+    const auto type = [&message] {
+        return "the type registered for identifier " + std::to_string(static_cast<unsigned long>(message.id()));
+    };
+    if (!unread.empty()) decodeError("the tree's member /" + unread + " is not in a form " + type() + " can hold");
+    if (!unset.empty()) decodeError("the tree lacks \"" + unset + "\", which " + type() + " requires");
     Element written;
     message.copyToMetaData(written);
-    const std::string where = mismatch(written, tree, "");
-    if (!where.empty()) decodeError("the tree's member " + where + " is not in a form " + type + " can hold");
+    const std::string where = mismatch(written, tree);
+    if (!where.empty()) decodeError("the tree's member " + where + " is not in a form " + type() + " can hold");
 }
 
 }  // namespace
