@@ -864,17 +864,20 @@ def render(suite, memory, options, includes=(), net=None, bridge=None):
 def gnuplot_script(svg, data, title, xlabel, labels, series, ylabel="ns per post (median)", logscale="xy"):
     """The gnuplot commands for one plot, or None if no series has a value. Column i + 2 of `data`
     holds series i; a series without any value is left out."""
+    def quoted(text):  # a gnuplot string in single quotes, which doubles a quote inside
+        return "'" + text.replace("'", "''") + "'"
+
     curves = ", ".join(
-        f"'{data}' using 1:{i + 2} with linespoints linewidth 2 pointtype {i + 5} title '{label}'"
+        f"'{data}' using 1:{i + 2} with linespoints linewidth 2 pointtype {i + 5} title {quoted(label)}"
         for i, label in enumerate(labels) if any(v is not None for v in series[i]))
     if not curves:
         return None
     return "\n".join([
         "set terminal svg size 720,440 dynamic font 'sans,12' background rgb 'white'",
         f"set output '{svg}'",
-        f"set title '{title}'",
-        f"set xlabel '{xlabel}'",
-        f"set ylabel '{ylabel}'",
+        f"set title {quoted(title)}",
+        f"set xlabel {quoted(xlabel)}",
+        f"set ylabel {quoted(ylabel)}",
         f"set logscale {logscale}",
         "set grid",
         "set rmargin 6",

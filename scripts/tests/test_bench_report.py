@@ -544,6 +544,12 @@ class Plots(unittest.TestCase):
         self.assertNotIn("title 'b'", script)
         self.assertIn("using 1:4 with linespoints linewidth 2 pointtype 7 title 'c'", script)
 
+    def test_a_quote_in_a_label_is_doubled_as_gnuplot_reads_it(self):
+        script = report.gnuplot_script("out.svg", "in.dat", "the host's loop", "N", ["poll() in the hosts' loops"],
+                                       [[1.0]])
+        self.assertIn("title 'poll() in the hosts'' loops'", script)
+        self.assertIn("set title 'the host''s loop'", script)
+
     def test_no_values_no_plot(self):
         self.assertIsNone(report.gnuplot_script("out.svg", "in.dat", "T", "N", ["a"], [[None, None]]))
 
