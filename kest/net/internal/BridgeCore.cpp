@@ -961,11 +961,15 @@ void BridgeCore::handleHello(const Hello& hello, const char* userId) {
 void BridgeCore::handleBye(const Bye& bye) {
     Peer* peer = peerById(bye.id);
     if (peer == nullptr || bye.epoch != peer->epoch) return;
-    dropRouting(*peer);
     peer->alive = false;
     peer->departed = true;
     peer->helloAcked = false;
     peer->ackValid = false;
+    // The status first: whoever sees the peer's routing leave the tables
+    // then also sees the peer gone.
+    statusDirty_ = true;
+    publish();
+    dropRouting(*peer);
 }
 
 void BridgeCore::handleResync(const Resync& resync) {
@@ -1085,6 +1089,10 @@ void BridgeCore::tick(Clock::time_point now) {
             peer->alive = false;
             peer->helloAcked = false;
             peer->ackValid = false;
+            // The status first: whoever sees the peer's routing leave the
+            // tables then also sees the peer gone.
+            statusDirty_ = true;
+            publish();
             dropRouting(*peer);
             statusDirty_ = true;
         }
