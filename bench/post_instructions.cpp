@@ -16,10 +16,20 @@
 // Workloads: fanout-N (N callback subscribers of one key), subscriptions-K
 // and services-K (K keys of three-level addresses, one of which covers the
 // message).
+//
+// Two workloads count other parts, with another --toggle-collect:
+//
+//   history-N   N identities accepted by a full MessagesHandled
+//               ('*acceptOne*'), strings
+//               cycled as W5's BM_History_HandleMessageAtCapacity does;
+//   make-N      N messages with the W1 sender made and released
+//               ('*makeAndRelease*'), as W5's BM_Create_KestMessageWithSender;
+//               makeIdentity, the allocation and the free included.
 
 #include "BenchSupport.h"
 
 #include <kest/msgs/MessageDispatcher.h>
+#include <kest/msgs/diagnostics/MessagesHandled.h>
 #include <kest/msgs/queues/MessageCallback.h>
 
 #include <cstdint>
@@ -34,14 +44,44 @@ namespace {
 using namespace KestBench;
 using Kest::Msgs::MessageCallback;
 using Kest::Msgs::MessageDispatcher;
+using Kest::Msgs::MessagesHandled;
 
 std::shared_ptr<MessageCallback> countingQueue(std::uint64_t& delivered) {
     return std::make_shared<MessageCallback>([&delivered](const MessagePtr&) { ++delivered; });
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: kest_bench_instructions fanout-N|subscriptions-K|services-K [posts]\n");
+    std::fprintf(stderr,
+                 "usage: kest_bench_instructions fanout-N|subscriptions-K|services-K [posts]\n"
+                 "       kest_bench_instructions history-N|make-N\n");
     return 2;
+}
+
+// Kept out of line, so that callgrind can count exactly this.
+[[gnu::noinline]] bool acceptOne(MessagesHandled& history, const std::string& id) {
+    return history.handleMessage(id);
+}
+
+// A full history, then `count` new identities; the number accepted.
+std::size_t acceptAtCapacity(std::size_t count) {
+    constexpr std::size_t capacity = MessagesHandled::DefaultHistoryLength;
+    std::vector<std::string> pool;
+    for (std::size_t i = 0; i < 2 * capacity + 1; ++i) pool.push_back(Message::makeIdentity());
+    MessagesHandled history;
+    std::size_t next = 0;
+    for (; next < capacity; ++next) history.handleMessage(pool[next]);
+    std::size_t accepted = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        accepted += acceptOne(history, pool[next]) ? 1 : 0;
+        if (++next == pool.size()) next = 0;
+    }
+    return accepted;
+}
+
+// Kept out of line, so that callgrind can count exactly this.
+[[gnu::noinline]] bool makeAndRelease() {
+    auto message = std::make_shared<Message>(kSampleId, sampleSender());
+    return intact(*message);
 }
 
 }  // namespace
@@ -55,6 +95,18 @@ int main(int argc, char** argv) {
     const std::string kind = workload.substr(0, dash);
     const std::size_t size = std::strtoul(workload.c_str() + dash + 1, nullptr, 10);
     if (size == 0) return usage();
+
+    if (kind == "history") {
+        const std::size_t accepted = acceptAtCapacity(size);
+        std::printf("%s: %zu of %zu accepted\n", workload.c_str(), accepted, size);
+        return accepted == size ? 0 : 1;
+    }
+    if (kind == "make") {
+        std::size_t made = 0;
+        for (std::size_t i = 0; i < size; ++i) made += makeAndRelease() ? 1 : 0;
+        std::printf("%s: %zu made\n", workload.c_str(), made);
+        return made == size ? 0 : 1;
+    }
 
     std::uint64_t delivered = 0;
     std::uint64_t misrouted = 0;
