@@ -95,6 +95,7 @@ TEST_HOOKS=(
     Kest::Msgs::detail::hooks::readerWakeUps
     Kest::Msgs::detail::hooks::setSteadyNow
     Kest::Msgs::detail::hooks::setWallNow
+    Kest::Msgs::detail::hooks::setIdentityHash
 )
 if [ $test_hooks = 1 ]; then
     DISPATCHER_OWNERS+=("${TEST_HOOKS[@]}")

@@ -11,8 +11,8 @@
 // halves at once.
 //
 // Memory: nothing until the first handleMessage, which reserves the storage
-// of the whole history at once (about 670 KB); no container grows after
-// that, and a full history of identities of up to 15 characters allocates
+// of the whole history at once (about 450 KB); no container grows after
+// that, and a full history of identities of up to 18 characters allocates
 // nothing per message.
 //
 // Threads: no lock of its own; the owner serialises every call (a dispatcher
@@ -65,31 +65,25 @@ public:
     bool handleMessage(const std::string& id, PostScope scope);
 
 private:
-    // One slot of the open-addressing index: a position in the ring and the
-    // high half of its string's hash, or kFree.
-    struct Slot {
-        std::uint32_t position;
-        std::uint32_t hashTag;
-    };
-    static constexpr std::uint32_t kFree = 0xFFFFFFFFu;
+    struct Entry;  // one remembered string, its hash, scopes and bucket link (see the .cpp)
+    static constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 
-    // The ring position of `id`, or kFree when it is not remembered.
-    std::uint32_t positionOf(const std::string& id, std::uint64_t hash) const noexcept;
+    // The ring position of `id`, or kNone; `last` is set to the newest
+    // entry of the bucket of `hash`, or kNone when the bucket is empty.
+    std::uint32_t find(const std::string& id, std::uint32_t hash, std::uint32_t& last) const noexcept;
     void reserveStorage();
-    void insertIndex(std::uint32_t position, std::uint64_t hash) noexcept;
-    void eraseIndex(std::uint32_t position) noexcept;
     void swap(MessagesHandled& other) noexcept;
 
     // The remembered strings in a ring, the oldest at oldest_ once the ring is
-    // full; each string's hash and scopes beside it. All are reserved for the whole
-    // history on first use; strings are assigned in place when the ring turns.
-    std::vector<std::string> ring_;
-    std::vector<std::uint64_t> hashes_;
-    std::vector<std::uint8_t> scopes_;  // the PostScope bits handled, per ring position
+    // full. Reserved for the whole history on first use; an entry is
+    // overwritten in place when the ring turns.
+    std::vector<Entry> ring_;
     std::size_t oldest_ = 0;
-    // Linear probing over positions in ring_; sized on first use for the
-    // whole history at most half full. Empty exactly while ring_ is unused.
-    std::vector<Slot> index_;
+    // Per hash bucket, the ring position of its oldest string or kNone; the
+    // strings of a bucket are chained oldest first through their entries, so
+    // the string forgotten is always the first of its chain. Sized on first
+    // use; empty exactly while ring_ is unused.
+    std::vector<std::uint32_t> buckets_;
     unsigned int historyLength_;
 };
 

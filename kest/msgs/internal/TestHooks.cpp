@@ -11,6 +11,7 @@ namespace {
 std::atomic<std::uint64_t> wakeUps{0};
 std::atomic<SteadyNow> steadyHook{nullptr};
 std::atomic<WallNow> wallHook{nullptr};
+std::atomic<IdentityHash> identityHashHook{nullptr};
 
 }  // namespace
 
@@ -19,6 +20,10 @@ std::uint64_t readerWakeUps() noexcept { return wakeUps.load(); }
 void setSteadyNow(SteadyNow now) noexcept { steadyHook.store(now); }
 
 void setWallNow(WallNow now) noexcept { wallHook.store(now); }
+
+void setIdentityHash(IdentityHash hash) noexcept { identityHashHook.store(hash); }
+
+IdentityHash identityHash() noexcept { return identityHashHook.load(); }
 
 void countReaderWakeUp() noexcept { wakeUps.fetch_add(1); }
 

@@ -15,6 +15,8 @@
 //   clock sleeps for the difference between the deadline and that clock's
 //   now() on its own clock, so a hooked wall clock that jumps never makes the
 //   real wait sleep for the jump.
+// - A replaceable hash for the history of handled identities
+//   (MessagesHandled), so that a test can make strings collide.
 //
 // Process-wide and not installed: for the library's sources and the tests.
 
@@ -24,11 +26,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 
 namespace Kest::Msgs::detail::hooks {
 
 using SteadyNow = std::chrono::steady_clock::time_point (*)();
 using WallNow = std::chrono::system_clock::time_point (*)();
+using IdentityHash = std::uint32_t (*)(const std::string& id);
 
 // Reader wake-ups counted since the program started.
 KEST_DISPATCHER_API std::uint64_t readerWakeUps() noexcept;
@@ -36,11 +40,17 @@ KEST_DISPATCHER_API std::uint64_t readerWakeUps() noexcept;
 // null function restores the real clock.
 KEST_DISPATCHER_API void setSteadyNow(SteadyNow now) noexcept;
 KEST_DISPATCHER_API void setWallNow(WallNow now) noexcept;
+// Replace the hash MessagesHandled computes of each identity; a null
+// function restores its own. Change it only while no history is in use:
+// a history's index holds the hashes it was given.
+KEST_DISPATCHER_API void setIdentityHash(IdentityHash hash) noexcept;
 
 // For the library: count one wake-up; read the (possibly replaced) clocks.
 void countReaderWakeUp() noexcept;
 std::chrono::steady_clock::time_point steadyNow();
 std::chrono::system_clock::time_point wallNow();
+// The replaced identity hash, or null.
+IdentityHash identityHash() noexcept;
 
 // The wall clock as getMessage sees it.
 struct HookedWallClock {
