@@ -203,6 +203,19 @@ bool MessageDispatcher::post(const std::shared_ptr<const Message>& message, cons
     if (half(PostScope::Subscribers)) {
         detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
                                 [&](const Subscribers& subscribers) {
+                                    if (served.onlySender()) {
+                                        // The first entry: its queues are distinct and none has the
+                                        // message yet, so they are recorded as one set.
+                                        served.takeWhole(subscribers);
+                                        for (const QueuePtr& queue : subscribers) {
+                                            if (queue.get() == served.sender()) continue;
+                                            if (!detail::putOrWarn(message, queue.get())) {
+                                                served.refused(queue.get());
+                                                detail::countOne(tally.drops);
+                                            }
+                                        }
+                                        return true;
+                                    }
                                     for (const QueuePtr& queue : subscribers) {
                                         if (!detail::deliver(message, queue.get(), served)) {
                                             detail::countOne(tally.drops);

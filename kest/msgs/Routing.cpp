@@ -19,14 +19,12 @@ const std::string kTracePrefix = "PLOX message is - ";
 
 namespace detail {
 
-bool putOrWarn(const std::shared_ptr<const Message>& message, MessageQueueInterface* queue) {
-    // An empty queue pointer (services accept one) cannot take anything: a refusal.
-    if (queue != nullptr && queue->putMessage(message)) return true;
+bool warnDropped(const Message& message) {
     {
         Kest::detail::DiagnosticLine line;
         std::cout << "PLOX!!!! Warning ---- dropping msg" << std::endl;
     }
-    handleMessageDirect(kTracePrefix, *message);
+    handleMessageDirect(kTracePrefix, message);
     return false;
 }
 
