@@ -56,8 +56,14 @@ bool MessageDispatcher::subscribe(QueuePtr queue, const std::vector<std::string>
     if (!queue) return false;
     detail::OwnedLock lock(mutex, owner, "MessageDispatcher::subscribe", kInsideDelivery);
     MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HasherWithSender());
-    Subscribers& subscribers = subscriptions[key];
-    if (!subscribers.insert(queue).second) return true;
+    const auto entry = subscriptions.try_emplace(key).first;
+    try {
+        if (!entry->second.insert(queue).second) return true;
+    } catch (...) {
+        // A key is never left in the table without a queue.
+        if (entry->second.empty()) subscriptions.erase(entry);
+        throw;
+    }
     announce<Fwd::SubscriptionAddedNotification>(key, 0, queue);
     return true;
 }
@@ -68,11 +74,11 @@ bool MessageDispatcher::unsubscribe(QueuePtr queue, const std::vector<std::strin
     const MessageKey key(static_cast<unsigned long>(id), address, detail::noAddress(), MessageKey::HashFunction());
     auto entry = subscriptions.find(key);
     if (entry == subscriptions.end()) return true;
-    if (entry->second.erase(queue) != 0) {
-        announce<Fwd::SubscriptionRemovedNotification>(key, 0, queue);
-    }
-    // The table is unchanged by the post above: deliveries cannot call back in.
+    const bool removed = entry->second.erase(queue) != 0;
+    // The emptied key leaves the table before the notice is posted: a notice
+    // that fails (out of memory) must not leave an empty entry behind.
     if (entry->second.empty()) subscriptions.erase(entry);
+    if (removed) announce<Fwd::SubscriptionRemovedNotification>(key, 0, queue);
     return true;
 }
 
@@ -83,8 +89,17 @@ bool MessageDispatcher::unsubscribeFromAll(QueuePtr queue) {
             ++entry;
             continue;
         }
-        announce<Fwd::SubscriptionRemovedNotification>(entry->first, 0, queue);
-        entry = entry->second.empty() ? subscriptions.erase(entry) : std::next(entry);
+        if (!entry->second.empty()) {
+            announce<Fwd::SubscriptionRemovedNotification>(entry->first, 0, queue);
+            ++entry;
+            continue;
+        }
+        // The emptied key leaves the table before its notice, which names
+        // the key from the extracted node (no copy, nothing to allocate).
+        const auto next = std::next(entry);
+        const auto removed = subscriptions.extract(entry);
+        entry = next;
+        announce<Fwd::SubscriptionRemovedNotification>(removed.key(), 0, queue);
     }
     return true;
 }
@@ -107,8 +122,14 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
                    MessageKey::HasherWithDestination());
     auto entry = services.find(key);
     if (entry == services.end()) {
-        RankedQueues& queues = services.emplace(key, RankedQueues()).first->second;
-        queues.emplace(rank, queue);
+        const auto added = services.emplace(key, RankedQueues()).first;
+        try {
+            added->second.emplace(rank, queue);
+        } catch (...) {
+            // A key is never left in the table without a queue.
+            services.erase(added);
+            throw;
+        }
         announce<Fwd::ServiceRankNotification>(key, rank, queue);
         return true;
     }
@@ -117,14 +138,20 @@ bool MessageDispatcher::registerService(QueuePtr queue, const std::vector<std::s
     if (!queues.empty() && queues.begin()->first == 0) return false;  // rank 0 is exclusive
 
     bool changed = !queues.empty() && rank < queues.begin()->first;
+    auto previous = queues.end();
     for (auto it = queues.begin(); it != queues.end(); ++it) {
         if (it->second != queue) continue;
         if (it->first == rank) return true;  // already registered so
-        queues.erase(it);
-        changed = true;
+        previous = it;
         break;
     }
-    queues.emplace(rank, queue);  // after the entries of equal rank
+    // The new entry first (after the entries of equal rank), then the old one
+    // goes: if the insertion runs out of memory, the queue keeps its rank.
+    queues.emplace(rank, queue);
+    if (previous != queues.end()) {
+        queues.erase(previous);
+        changed = true;
+    }
     if (changed) announceRankChange(key, queues, queue);
     return true;
 }
@@ -136,16 +163,36 @@ bool MessageDispatcher::unregisterService(QueuePtr queue, const std::vector<std:
                          MessageKey::HashFunction());
     auto entry = services.find(key);
     if (entry == services.end()) return true;
-    if (removeFirst(entry->second, queue)) announceRankChange(key, entry->second, queue);
-    if (entry->second.empty()) services.erase(entry);
+    if (!removeFirst(entry->second, queue)) return true;
+    if (!entry->second.empty()) {
+        announceRankChange(key, entry->second, queue);
+        return true;
+    }
+    // The emptied key leaves the table before its notice: a notice that
+    // fails (out of memory) must not leave an empty entry behind.
+    services.erase(entry);
+    announce<Fwd::ServiceChangeNotification>(key, kChangeRank, queue);
     return true;
 }
 
 bool MessageDispatcher::unregisterAll(QueuePtr queue) {
     detail::OwnedLock lock(mutex, owner, "MessageDispatcher::unregisterAll", kInsideDelivery);
     for (auto entry = services.begin(); entry != services.end();) {
-        if (removeFirst(entry->second, queue)) announceRankChange(entry->first, entry->second, queue);
-        entry = entry->second.empty() ? services.erase(entry) : std::next(entry);
+        if (!removeFirst(entry->second, queue)) {
+            ++entry;
+            continue;
+        }
+        if (!entry->second.empty()) {
+            announceRankChange(entry->first, entry->second, queue);
+            ++entry;
+            continue;
+        }
+        // The emptied key leaves the table before its notice, which names
+        // the key from the extracted node (no copy, nothing to allocate).
+        const auto next = std::next(entry);
+        const auto removed = services.extract(entry);
+        entry = next;
+        announce<Fwd::ServiceChangeNotification>(removed.key(), kChangeRank, queue);
     }
     return true;
 }
@@ -193,60 +240,72 @@ bool MessageDispatcher::post(const std::shared_ptr<const Message>& message, cons
     detail::countOne(tally.posts);
 
     detail::ServedQueues served(sender.get());
-    const auto half = [scope](PostScope wanted) {
-        return (static_cast<std::uint8_t>(scope) & static_cast<std::uint8_t>(wanted)) != 0;
-    };
+    try {
+        const auto half = [scope](PostScope wanted) {
+            return (static_cast<std::uint8_t>(scope) & static_cast<std::uint8_t>(wanted)) != 0;
+        };
 
-    // Deliveries cannot change the tables (a call back into this dispatcher
-    // throws before touching them), so the entries are visited while they
-    // are found.
-    if (half(PostScope::Subscribers)) {
-        detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
-                                [&](const Subscribers& subscribers) {
-                                    if (served.onlySender()) {
-                                        // The first entry: its queues are distinct and none has the
-                                        // message yet, so they are recorded as one set.
-                                        served.takeWhole(subscribers);
+        // Deliveries cannot change the tables (a call back into this dispatcher
+        // throws before touching them), so the entries are visited while they
+        // are found.
+        if (half(PostScope::Subscribers)) {
+            detail::forEachCovering(*message, subscriptions, MessageKey::HashingGroup::Sender,
+                                    [&](const Subscribers& subscribers) {
+                                        if (served.onlySender()) {
+                                            // The first entry: its queues are distinct and none has
+                                            // the message yet, so they are recorded as one set.
+                                            served.takeWhole(subscribers);
+                                            for (const QueuePtr& queue : subscribers) {
+                                                if (queue.get() == served.sender()) continue;
+                                                if (detail::putOrWarn(message, queue.get())) {
+                                                    served.notePut();
+                                                } else {
+                                                    served.refused(queue.get());
+                                                    detail::countOne(tally.drops);
+                                                }
+                                            }
+                                            return true;
+                                        }
                                         for (const QueuePtr& queue : subscribers) {
-                                            if (queue.get() == served.sender()) continue;
-                                            if (!detail::putOrWarn(message, queue.get())) {
-                                                served.refused(queue.get());
+                                            if (!detail::deliver(message, queue.get(), served)) {
                                                 detail::countOne(tally.drops);
                                             }
                                         }
                                         return true;
-                                    }
-                                    for (const QueuePtr& queue : subscribers) {
-                                        if (!detail::deliver(message, queue.get(), served)) {
-                                            detail::countOne(tally.drops);
+                                    });
+        }
+
+        if (!half(PostScope::Services) || !message->destination.initialized()) return true;
+
+        // Each covering entry: its queues from the lowest rank up, until one takes it.
+        bool covered = false;
+        bool ok = true;
+        detail::forEachCovering(*message, services, MessageKey::HashingGroup::Destination,
+                                [&](const RankedQueues& queues) {
+                                    covered = true;
+                                    bool taken = false;
+                                    for (const auto& ranked : queues) {
+                                        if (detail::deliver(message, ranked.second.get(), served)) {
+                                            taken = true;
+                                            break;
                                         }
+                                        detail::countOne(tally.drops);
                                     }
+                                    ok = ok && taken;
                                     return true;
                                 });
+        if (covered && ok) return true;
+        if (countServiceRefusal) detail::countOne(tally.serviceRefusals);
+        return false;
+    } catch (...) {
+        // Out of memory (or a queue that threw) before any queue took the
+        // message: take the post back whole, so that it can be made again.
+        if (!served.anyPut()) {
+            handled.forgetMessage(message->identity(), scope);
+            tally.posts.store(tally.posts.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+        }
+        throw;
     }
-
-    if (!half(PostScope::Services) || !message->destination.initialized()) return true;
-
-    // Each covering entry: its queues from the lowest rank up, until one takes it.
-    bool covered = false;
-    bool ok = true;
-    detail::forEachCovering(*message, services, MessageKey::HashingGroup::Destination,
-                            [&](const RankedQueues& queues) {
-                                covered = true;
-                                bool taken = false;
-                                for (const auto& ranked : queues) {
-                                    if (detail::deliver(message, ranked.second.get(), served)) {
-                                        taken = true;
-                                        break;
-                                    }
-                                    detail::countOne(tally.drops);
-                                }
-                                ok = ok && taken;
-                                return true;
-                            });
-    if (covered && ok) return true;
-    if (countServiceRefusal) detail::countOne(tally.serviceRefusals);
-    return false;
 }
 
 MessageDispatcher::Counters MessageDispatcher::counters() const noexcept {

@@ -93,8 +93,9 @@ public:
     // `destination` (or below it), with `rank` (lower is preferred; 0 is
     // exclusive). Registering again moves the entry to the new rank. False
     // only when the key has a rank-0 entry. Empty queue pointers are accepted.
-    // Basic guarantee: on std::bad_alloc the registration may have changed
-    // with its last notifications lost (see docs/bad-inputs.md).
+    // Basic guarantee: on std::bad_alloc the registration is made or not
+    // (a queue moved to another rank keeps its old one), and when made its
+    // last notifications may be lost; no key is left without a queue.
     bool registerService(QueuePtr queue, const std::vector<std::string>& destination,
                          const Identifier& id, unsigned long rank) override;
     // Removes that registration. Always true. Basic guarantee: on
@@ -126,8 +127,9 @@ public:
     // message and the caller gave up its reference, the message is released
     // after the dispatcher's lock, not under it. Basic guarantee: on
     // std::bad_alloc the queues tried before the failure hold the message
-    // once and the others not at all, its identity may have been recorded,
-    // and the lock is free.
+    // once and the others not at all, and the lock is free; its identity is
+    // recorded (posting it again is refused) only when some queue took it,
+    // so a post that reached nobody can be made again.
     bool postMessage(std::shared_ptr<const Message> message, const QueuePtr& sender) override;
 
     // postMessage for one half of the routing (see PostScope), never to

@@ -248,7 +248,17 @@ inline std::uint32_t MessagesHandled::find(const std::string& id, std::uint32_t 
 
 bool MessagesHandled::isMessageHandled(const std::string& id) const {
     std::uint32_t last;
-    return find(id, identityHash(id), last) != kNone;
+    const std::uint32_t found = find(id, identityHash(id), last);
+    // An identity whose every half was forgotten keeps its place, unhandled.
+    return found != kNone && ring_[found].scopes != 0;
+}
+
+void MessagesHandled::forgetMessage(const std::string& id, PostScope scope) noexcept {
+    std::uint32_t last;
+    const std::uint32_t found = find(id, identityHash(id), last);
+    if (found == kNone) return;
+    Entry& entry = ring_[found];
+    entry.scopes = static_cast<std::uint8_t>(entry.scopes & ~static_cast<std::uint8_t>(scope));
 }
 
 bool MessagesHandled::isMessageHandled(const std::string& id) {

@@ -28,6 +28,8 @@
 
 namespace Kest::Msgs {
 
+class MessageDispatcher;
+
 class KEST_DISPATCHER_API MessagesHandled {
 public:
     static constexpr unsigned int DefaultHistoryLength = 10000;
@@ -65,6 +67,13 @@ public:
     bool handleMessage(const std::string& id, PostScope scope);
 
 private:
+    // For the dispatcher: a post of `id` that reached no queue before it
+    // failed (out of memory) takes back the halves `scope` recorded, so that
+    // the message can be posted again. The identity keeps its place in the
+    // ring (one it evicted to get there stays forgotten). Never allocates.
+    friend class MessageDispatcher;
+    void forgetMessage(const std::string& id, PostScope scope) noexcept;
+
     struct Entry;  // one remembered string, its hash, scopes and bucket link (see the .cpp)
     static constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 

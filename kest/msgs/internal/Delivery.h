@@ -70,13 +70,24 @@ public:
         }
     }
 
-    // `queue` must not be in the set yet.
-    void insert(const MessageQueueInterface* queue) {
+    // Whether some queue took the message in this post; a post that fails
+    // before any did can be taken back whole.
+    void notePut() noexcept { anyPut_ = true; }
+    bool anyPut() const noexcept { return anyPut_; }
+
+    // Makes room for one more queue: the only step of an insertion that can
+    // run out of memory, taken before the queue is given the message.
+    void reserveOne() {
+        if (count_ >= inline_.size() && (count_ - inline_.size() + 1) * 2 > table_.size()) grow();
+    }
+
+    // `queue` must not be in the set yet, and reserveOne() must have been
+    // called since the last insertion.
+    void insert(const MessageQueueInterface* queue) noexcept {
         if (count_ < inline_.size()) {
             inline_[count_++] = queue;
             return;
         }
-        if ((count_ - inline_.size() + 1) * 2 > table_.size()) grow();
         place(queue);
         ++count_;
     }
@@ -114,6 +125,7 @@ private:
 
     std::array<const MessageQueueInterface*, 16> inline_;
     std::size_t count_;
+    bool anyPut_ = false;
     std::vector<const MessageQueueInterface*> table_;  // kEmpty or a queue; size a power of two
     const QueueSet* whole_ = nullptr;
     std::vector<const MessageQueueInterface*> refused_;  // of whole_
@@ -123,8 +135,11 @@ private:
 inline bool deliver(const std::shared_ptr<const Message>& message, MessageQueueInterface* queue,
                     ServedQueues& served) {
     if (served.contains(queue)) return true;
+    // Room first: a queue that took the message is always recorded as served.
+    served.reserveOne();
     if (!putOrWarn(message, queue)) return false;
     served.insert(queue);
+    served.notePut();
     return true;
 }
 
