@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/ensure-packages.sh g++ cmake make libgtest-dev libbenchmark-dev pkg-config binutils abigail-tools \
-  python3 libmsgpack-cxx-dev nlohmann-json3-dev libzmq3-dev cppzmq-dev
+  python3 libmsgpack-cxx-dev nlohmann-json3-dev libzmq3-dev cppzmq-dev libcli11-dev iproute2
 
 steps=("$@")
 [ ${#steps[@]} -eq 0 ] && steps=(fuzz bench perturb asan tsan dev)

@@ -30,7 +30,8 @@
 #   install-preset       the README's install commands, as written, in a copy
 #                        of <source dir>, with GoogleTest and Google Benchmark
 #                        hidden from find_package: they must not be looked
-#                        for, and only the four libraries are built and installed
+#                        for, and only the four libraries and the kest tool are
+#                        built and installed
 # Every program runs without LD_LIBRARY_PATH.
 #
 # The README's commands are taken from the fenced block that follows a
@@ -238,7 +239,14 @@ check_runpath() {
     if grep -Eq 'msgpack|json' <<<"$needed"; then
         fail "libKestNet needs a library of its header-only dependencies: $needed"
     fi
-    echo "runpath: the four libraries are installed with SONAME links and RUNPATH \$ORIGIN"
+    # The kest tool finds the libraries from bin/ through its own RUNPATH.
+    [ -x "$prefix/bin/kest" ] || fail "bin/kest is not installed"
+    runpath=$(readelf -d "$prefix/bin/kest" | sed -n 's/.*(RUNPATH).*\[\(.*\)\].*/\1/p')
+    # shellcheck disable=SC2016 # $ORIGIN is meant literally
+    [ "$runpath" = '$ORIGIN/../lib' ] || fail "bin/kest: RUNPATH '$runpath', expected '\$ORIGIN/../lib'"
+    run_without_library_path "$prefix/bin/kest" keygen >"$tmp/keys" || fail "the installed kest failed"
+    grep -q '^public ' "$tmp/keys" || fail "the installed kest keygen printed no public key"
+    echo "runpath: the four libraries are installed with SONAME links and RUNPATH \$ORIGIN, bin/kest runs"
 }
 
 # Configures consumer/ against the prefix into <build dir>.
@@ -384,21 +392,21 @@ EOF
     if grep -q -- '-Werror' "$build/compile_commands.json"; then
         fail "the install build turns warnings into errors"
     fi
-    # Built: the four libraries and no program.
+    # Built: the four libraries and the kest tool, no other program.
     local built
     built=$(cd "$build" && find . -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print | sed 's|^\./||' | sort)
     [ "$built" = "$(printf '%s\n' libKestCore.so.0.1.0 libKestMessageDispatcher.so.0.1.0 libKestMessages.so.0.1.0 \
-                     libKestNet.so.0.1.0)" ] ||
-        fail "the install build made more or less than the four libraries: $(tr '\n' ' ' <<<"$built")"
+                     libKestNet.so.0.1.0 tools/kest/kest)" ] ||
+        fail "the install build made more or less than the four libraries and kest: $(tr '\n' ' ' <<<"$built")"
 
     local file
     for file in lib/libKestCore.so.0 lib/libKestMessages.so.0 lib/libKestMessageDispatcher.so.0 \
                 lib/libKestNet.so.0 include/kest/messaging.h include/kest/net.h include/kest/net/Wire.h \
                 lib/cmake/KestMessaging/KestMessagingConfig.cmake lib/pkgconfig/kest-messaging.pc \
-                lib/pkgconfig/kest-messaging-interfaces.pc lib/pkgconfig/kest-net.pc; do
+                lib/pkgconfig/kest-messaging-interfaces.pc lib/pkgconfig/kest-net.pc bin/kest; do
         [ -e "$prefix/$file" ] || fail "$file was not installed"
     done
-    echo "install preset: configured without GoogleTest, built the four libraries only, installed"
+    echo "install preset: configured without GoogleTest, built the four libraries and kest only, installed"
 }
 
 case $case_name in
