@@ -258,7 +258,6 @@ private:
     std::map<RouteKey, unsigned> standInSubscriptions_;  // how many of our stand-ins are under each key
     Clock::time_point nextTick_{};
     bool statusDirty_ = true;
-    std::uint64_t monitorCount_ = 0;
 
     // Bridge-wide counters.
     std::atomic<std::uint64_t> rejectedConnections_{0};
